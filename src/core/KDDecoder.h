@@ -1,0 +1,93 @@
+#pragma once
+// Base of every decoder: turns one input file into interleaved little-endian
+// signed-integer PCM (decodeFormat) and hands it out through readAudio(),
+// refilling its ring buffer through the subclass's fillPCMBuffer().
+//
+// Decoders are made by the factory decoderWithFilename(), which picks the
+// class by extension (and, for Ogg files, by content). Concrete classes live
+// in the decoders subsystem and register themselves by name, so this core
+// class does not depend on them.
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "core/DecoderDelegate.h"
+#include "core/RingBuffer.h"
+#include "platform/CoreAudioTypes.h"
+
+namespace velvox {
+
+class KDDecoder {
+public:
+    using Constructor = std::function<std::unique_ptr<KDDecoder>()>;
+
+    KDDecoder() = default;
+    virtual ~KDDecoder();
+    KDDecoder(const KDDecoder&) = delete;
+    KDDecoder& operator=(const KDDecoder&) = delete;
+
+    // The decoder for a file, or null (the reason is in the error log). Ogg
+    // files that are not valid or of an unknown codec raise assertions.
+    static std::unique_ptr<KDDecoder> decoderWithFilename(const std::string& path);
+
+    // Makes a class available to the factory under its name.
+    static void registerDecoderClass(const std::string& className, Constructor constructor);
+    static bool isDecoderClassRegistered(const std::string& className);
+    // Creates and initialises a decoder of a registered class; null when the
+    // class is not available or its initialiser failed.
+    static std::unique_ptr<KDDecoder> decoderOfClass(const std::string& className,
+                                                     const std::string& path);
+
+    // Two-phase construction: a subclass calls this first and returns false
+    // (after logging) when it cannot open its file.
+    virtual bool initWithFilename(const std::string& path);
+    virtual const char* className() const = 0;
+
+    const std::string& inFilePath() const { return inFilePath_; }
+    RingBuffer& pcmBuffer() { return *pcmBuffer_; }
+    AudioStreamBasicDescription decodeFormat() const { return decodeFormat_; }
+    const AudioChannelLayout* channelLayout() const { return mChannelLayout_.get(); }
+
+    // Copies up to frameCount frames into the first buffer of the list and
+    // returns the frames delivered; 0 means the stream has ended.
+    uint32_t readAudio(AudioBufferList* bufferList, uint32_t frameCount);
+
+    void cancel() { cancelled_ = true; }
+    bool isCancelled() const { return cancelled_; }
+
+    // -1 when the length is not known.
+    virtual int64_t totalFrames() const { return -1; }
+    virtual int64_t currentFrame() const { return currentFrame_; }
+    virtual void fillPCMBuffer() {}
+    bool isEndOfFile() const { return isEndOfFile_; }
+    virtual bool decodesInRealTime() const { return true; }
+    virtual bool decodeToFile(const std::string& path);
+    // Whether totalFrames() is the exact length (and not an estimate), so that
+    // delivering fewer frames means the file is damaged.
+    virtual bool totalFramesIsExact() const { return false; }
+
+    DecoderDelegate* delegate() const { return delegate_; }
+    void setDelegate(DecoderDelegate* delegate) { delegate_ = delegate; }
+
+protected:
+    void setEndOfFile(bool value) { isEndOfFile_ = value; }
+    void setChannelLayout(std::unique_ptr<AudioChannelLayout> layout) {
+        mChannelLayout_ = std::move(layout);
+    }
+
+    AudioStreamBasicDescription decodeFormat_{};
+
+private:
+    std::string inFilePath_;
+    std::unique_ptr<AudioChannelLayout> mChannelLayout_;
+    std::unique_ptr<RingBuffer> pcmBuffer_;
+    int64_t currentFrame_ = 0;
+    bool isEndOfFile_ = false;
+    std::atomic<bool> cancelled_ = false;
+    DecoderDelegate* delegate_ = nullptr;
+};
+
+} // namespace velvox

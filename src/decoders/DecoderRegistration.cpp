@@ -1,0 +1,26 @@
+#include "decoders/DecoderRegistration.h"
+
+#include <mutex>
+
+#include "core/KDDecoder.h"
+#include "decoders/FLACDecoder.h"
+#include "decoders/OggFLACDecoder.h"
+
+namespace velvox {
+
+namespace {
+template <typename T>
+void add(const char* name) {
+    KDDecoder::registerDecoderClass(name, [] { return std::make_unique<T>(); });
+}
+} // namespace
+
+void DecoderRegistration::registerAll() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        add<FLACDecoder>("FLACDecoder");
+        add<OggFLACDecoder>("OggFLACDecoder");
+    });
+}
+
+} // namespace velvox
