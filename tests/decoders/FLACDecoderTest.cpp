@@ -1,0 +1,310 @@
+// FLAC and Ogg FLAC decoding checked bit for bit against the reference
+// `flac` decoder and against the samples the fixture was made from.
+
+#include <memory>
+#include <vector>
+
+#include <FLAC/stream_encoder.h>
+#include <gtest/gtest.h>
+
+#include "core/KDDecoder.h"
+#include "decoders/FLACDecoder.h"
+#include "platform/ErrorLog.h"
+#include "platform/Exception.h"
+#include "support/TestSupport.h"
+
+using namespace velvox;
+using namespace velvox::test;
+
+namespace {
+
+struct Decoded {
+    std::vector<uint8_t> pcm;
+    uint64_t frames = 0;
+};
+
+Decoded decodeAll(KDDecoder& decoder, uint32_t framesPerRead = 16384) {
+    Decoded d;
+    const auto format = decoder.decodeFormat();
+    std::vector<uint8_t> buffer(size_t(framesPerRead) * format.mBytesPerFrame);
+    for (int idle = 0; idle < 1000;) {
+        auto list = AudioBufferList::single(buffer.data(), uint32_t(buffer.size()),
+                                            format.mChannelsPerFrame);
+        const uint32_t n = decoder.readAudio(&list, framesPerRead);
+        if (n == 0) {
+            if (decoder.isEndOfFile())
+                break;
+            ++idle;
+            continue;
+        }
+        EXPECT_EQ(list.mBuffers[0].mDataByteSize, n * format.mBytesPerFrame);
+        EXPECT_EQ(list.mBuffers[0].mNumberChannels, format.mChannelsPerFrame);
+        d.pcm.insert(d.pcm.end(), buffer.begin(), buffer.begin() + n * format.mBytesPerFrame);
+        d.frames += n;
+    }
+    return d;
+}
+
+// What the reference decoder makes of the file, as signed little-endian PCM.
+std::vector<uint8_t> referencePCM(const std::string& flacPath, bool ogg = false) {
+    TempDir dir;
+    const std::string raw = dir.file("ref.raw");
+    const std::string cmd = "flac -s -d -f --force-raw-format --endian=little --sign=signed " +
+                            std::string(ogg ? "--ogg " : "") + shellQuote(flacPath) + " -o " +
+                            shellQuote(raw);
+    EXPECT_EQ(runCommand(cmd).exitCode, 0) << cmd;
+    return readFile(raw);
+}
+
+// Encodes a WAV of the test signal with the reference encoder.
+std::string makeFlac(const TempDir& dir, const std::string& name, uint32_t channels, uint32_t bits,
+                     uint32_t frames, const std::string& options = "",
+                     std::vector<int32_t>* samplesOut = nullptr) {
+    const auto samples = makeSignal(frames, channels, bits, channels * 100 + bits);
+    const std::string wav = dir.file(name + ".wav");
+    writeWav(wav, samples, channels, 44100, bits);
+    const std::string out = dir.file(name);
+    const std::string cmd = "flac -s -f --channel-map=none " + options + " " + shellQuote(wav) +
+                            " -o " + shellQuote(out);
+    EXPECT_EQ(runCommand(cmd).exitCode, 0) << cmd;
+    if (samplesOut)
+        *samplesOut = samples;
+    return out;
+}
+
+// libFLAC writes depths the command-line tool refuses (12, 20 bits).
+std::string encodeWithLibFLAC(const std::string& path, uint32_t bits, uint32_t channels,
+                              const std::vector<int32_t>& interleaved) {
+    FLAC__StreamEncoder* e = FLAC__stream_encoder_new();
+    FLAC__stream_encoder_set_channels(e, channels);
+    FLAC__stream_encoder_set_bits_per_sample(e, bits);
+    FLAC__stream_encoder_set_sample_rate(e, 44100);
+    EXPECT_EQ(FLAC__stream_encoder_init_file(e, path.c_str(), nullptr, nullptr),
+              FLAC__STREAM_ENCODER_INIT_STATUS_OK);
+    FLAC__stream_encoder_process_interleaved(e, interleaved.data(),
+                                             uint32_t(interleaved.size() / channels));
+    FLAC__stream_encoder_finish(e);
+    FLAC__stream_encoder_delete(e);
+    return path;
+}
+
+std::unique_ptr<KDDecoder> open(const std::string& path) {
+    return KDDecoder::decoderWithFilename(path);
+}
+
+} // namespace
+
+class FLACBitExact : public ::testing::TestWithParam<std::tuple<uint32_t, uint32_t>> {};
+
+TEST_P(FLACBitExact, MatchesReferenceDecoderAndSourceSamples) {
+    const auto [bits, channels] = GetParam();
+    TempDir dir;
+    std::vector<int32_t> samples;
+    const std::string path = makeFlac(dir, "in.flac", channels, bits, 30000, "", &samples);
+    auto decoder = open(path);
+    ASSERT_TRUE(decoder);
+    EXPECT_STREQ(decoder->className(), "FLACDecoder");
+    const auto f = decoder->decodeFormat();
+    EXPECT_EQ(f.mSampleRate, 44100);
+    EXPECT_EQ(f.mFormatID, kAudioFormatLinearPCM);
+    EXPECT_EQ(f.mFormatFlags, 0xCu);
+    EXPECT_EQ(f.mBitsPerChannel, bits);
+    EXPECT_EQ(f.mChannelsPerFrame, channels);
+    EXPECT_EQ(f.mBytesPerFrame, bits / 8 * channels);
+    EXPECT_EQ(f.mBytesPerPacket, f.mBytesPerFrame);
+    EXPECT_EQ(f.mFramesPerPacket, 1u);
+    EXPECT_EQ(decoder->totalFrames(), 30000);
+
+    const Decoded d = decodeAll(*decoder, 4096);
+    EXPECT_EQ(d.frames, 30000u);
+    EXPECT_EQ(decoder->currentFrame(), 30000);
+    EXPECT_EQ(md5Hex(d.pcm), md5Hex(referencePCM(path)));
+    EXPECT_EQ(md5Hex(d.pcm), md5Hex(packLittleEndian(samples, bits)));
+}
+
+INSTANTIATE_TEST_SUITE_P(DepthsAndChannels, FLACBitExact,
+                         ::testing::Values(std::make_tuple(8u, 1u), std::make_tuple(8u, 2u),
+                                           std::make_tuple(16u, 1u), std::make_tuple(16u, 2u),
+                                           std::make_tuple(16u, 3u), std::make_tuple(16u, 6u),
+                                           std::make_tuple(24u, 2u), std::make_tuple(24u, 4u),
+                                           std::make_tuple(24u, 5u), std::make_tuple(24u, 8u),
+                                           std::make_tuple(16u, 7u)));
+
+TEST(FLACDecoder, LayoutTagsFollowTheChannelCount) {
+    TempDir dir;
+    const std::pair<uint32_t, AudioChannelLayoutTag> expected[] = {
+        {1, kAudioChannelLayoutTag_Mono},       {2, kAudioChannelLayoutTag_Stereo},
+        {3, kAudioChannelLayoutTag_MPEG_3_0_A}, {4, kAudioChannelLayoutTag_Quadraphonic},
+        {5, kAudioChannelLayoutTag_MPEG_5_0_A}, {6, kAudioChannelLayoutTag_MPEG_5_1_A},
+        {7, kAudioChannelLayoutTag_Unknown},    {8, kAudioChannelLayoutTag_Unknown}};
+    for (const auto& [channels, tag] : expected) {
+        const std::string path =
+            makeFlac(dir, "c" + std::to_string(channels) + ".flac", channels, 16, 1000);
+        auto decoder = open(path);
+        ASSERT_TRUE(decoder);
+        ASSERT_NE(decoder->channelLayout(), nullptr);
+        EXPECT_EQ(decoder->channelLayout()->mChannelLayoutTag, tag) << channels << " channels";
+        EXPECT_EQ(decoder->channelLayout()->mNumberChannelDescriptions, 0u);
+    }
+}
+
+TEST(FLACDecoder, OggFLACIsChosenByContentAndDecodesBitExact) {
+    TempDir dir;
+    std::vector<int32_t> samples;
+    // ".ogg" and ".oga" are both classified by their first packet.
+    for (const char* name : {"in.oga", "in.ogg"}) {
+        const std::string path = makeFlac(dir, name, 2, 24, 20000, "--ogg", &samples);
+        auto decoder = open(path);
+        ASSERT_TRUE(decoder);
+        EXPECT_STREQ(decoder->className(), "OggFLACDecoder");
+        EXPECT_EQ(decoder->totalFrames(), 20000);
+        const Decoded d = decodeAll(*decoder);
+        EXPECT_EQ(md5Hex(d.pcm), md5Hex(referencePCM(path, true)));
+        EXPECT_EQ(md5Hex(d.pcm), md5Hex(packLittleEndian(samples, 24)));
+    }
+}
+
+TEST(FLACDecoder, ExtensionIsMatchedWithoutRegardToCase) {
+    TempDir dir;
+    makeFlac(dir, "Song.FLAC", 2, 16, 500);
+    auto decoder = open(dir.file("Song.FLAC"));
+    ASSERT_TRUE(decoder);
+    EXPECT_STREQ(decoder->className(), "FLACDecoder");
+}
+
+TEST(FLACDecoder, BlocksLargerThanTheRingBufferGrowIt) {
+    // 16384-sample blocks of 8 × 24-bit channels are 384 KiB, far over the
+    // default 32 KiB ring buffer.
+    TempDir dir;
+    std::vector<int32_t> samples;
+    const std::string path = makeFlac(dir, "big.flac", 8, 24, 70000, "--lax -b 16384", &samples);
+    auto decoder = open(path);
+    ASSERT_TRUE(decoder);
+    const Decoded d = decodeAll(*decoder, 1000);
+    EXPECT_EQ(d.frames, 70000u);
+    EXPECT_GE(decoder->pcmBuffer().size(), 16384u * 8 * 3);
+    EXPECT_EQ(md5Hex(d.pcm), md5Hex(packLittleEndian(samples, 24)));
+}
+
+TEST(FLACDecoder, ReadsFromTheLastFramesAreShortThenZero) {
+    TempDir dir;
+    const std::string path = makeFlac(dir, "short.flac", 2, 16, 4196);
+    auto decoder = open(path);
+    ASSERT_TRUE(decoder);
+    std::vector<uint8_t> buffer(4096 * 4);
+    auto list = AudioBufferList::single(buffer.data(), uint32_t(buffer.size()), 2);
+    uint64_t total = 0;
+    uint32_t n;
+    std::vector<uint32_t> sizes;
+    while ((n = decoder->readAudio(&list, 4096)) != 0) {
+        sizes.push_back(n);
+        total += n;
+        list.mBuffers[0].mDataByteSize = uint32_t(buffer.size());
+    }
+    EXPECT_EQ(total, 4196u);
+    EXPECT_EQ(sizes.back(), 100u);
+    EXPECT_TRUE(decoder->isEndOfFile());
+    list.mBuffers[0].mDataByteSize = uint32_t(buffer.size());
+    EXPECT_EQ(decoder->readAudio(&list, 4096), 0u);
+}
+
+TEST(FLACDecoder, UnknownLengthStreamOpensWithZeroTotal) {
+    TempDir dir;
+    const auto samples = makeSignal(5000, 2, 16);
+    writeFile(dir.file("in.raw"), packLittleEndian(samples, 16));
+    // Encoding to a pipe leaves STREAMINFO's total-samples field at 0.
+    const std::string cmd = "cat " + shellQuote(dir.file("in.raw")) +
+                            " | flac -s --force-raw-format --endian=little --sign=signed "
+                            "--channels=2 --bps=16 --sample-rate=44100 - -c > " +
+                            shellQuote(dir.file("unknown.flac")) + " 2>/dev/null";
+    ASSERT_EQ(runCommand(cmd).exitCode, 0);
+    auto decoder = open(dir.file("unknown.flac"));
+    ASSERT_TRUE(decoder);
+    EXPECT_EQ(decoder->totalFrames(), 0);
+    EXPECT_FALSE(decoder->totalFramesIsExact());
+    const Decoded d = decodeAll(*decoder);
+    EXPECT_EQ(md5Hex(d.pcm), md5Hex(packLittleEndian(samples, 16)));
+}
+
+TEST(FLACDecoder, TwelveBitStreamOpensButItsFirstFrameIsRefused) {
+    TempDir dir;
+    std::vector<int32_t> samples(8192 * 2);
+    for (size_t i = 0; i < samples.size(); ++i)
+        samples[i] = int32_t(i % 4096) - 2048;
+    const std::string path = encodeWithLibFLAC(dir.file("twelve.flac"), 12, 2, samples);
+    auto decoder = open(path);
+    ASSERT_TRUE(decoder);
+    EXPECT_EQ(decoder->decodeFormat().mBitsPerChannel, 12u);
+    EXPECT_EQ(decoder->decodeFormat().mBytesPerFrame, 2u); // 12 / 8 = 1 byte per sample
+    std::vector<uint8_t> buffer(4096);
+    auto list = AudioBufferList::single(buffer.data(), uint32_t(buffer.size()), 2);
+    try {
+        decoder->readAudio(&list, 1024);
+        FAIL() << "expected IllegalInputException";
+    } catch (const Exception& e) {
+        EXPECT_EQ(e.name(), "IllegalInputException");
+        EXPECT_EQ(e.reason(), "FLAC Does Not Support 12 Bit Files");
+    }
+}
+
+TEST(FLACDecoder, BadFilesFailWithOneLogLineEach) {
+    TempDir dir;
+    auto& log = ErrorLog::sharedController();
+
+    struct Case {
+        std::string name;
+        std::vector<uint8_t> bytes;
+        std::string expectedLine;
+    };
+    std::vector<uint8_t> text(2000);
+    for (size_t i = 0; i < text.size(); ++i)
+        text[i] = uint8_t("The quick brown fox jumps over the lazy dog. "[i % 45]);
+    const std::vector<Case> cases = {
+        {"empty.flac", {}, "FLAC Stream Decoder Failed To Process Metadata For File: "},
+        {"text.flac", text, "FLAC Stream Decoder Failed To Process Metadata For File: "},
+    };
+    for (const auto& c : cases) {
+        writeFile(dir.file(c.name), c.bytes);
+        const size_t mark = log.count();
+        EXPECT_EQ(open(dir.file(c.name)), nullptr) << c.name;
+        const auto lines = log.messages();
+        ASSERT_EQ(lines.size(), mark + 1) << c.name;
+        EXPECT_EQ(lines.back(), c.expectedLine + dir.file(c.name));
+    }
+
+    const size_t mark = log.count();
+    EXPECT_EQ(open(dir.file("missing.flac")), nullptr);
+    ASSERT_EQ(log.count(), mark + 1);
+    EXPECT_EQ(log.messages().back(),
+              "Initialization of FLAC Decoder Failed For File: " + dir.file("missing.flac") +
+                  " Error: 4"); // FLAC__STREAM_DECODER_INIT_STATUS_ERROR_OPENING_FILE
+}
+
+TEST(FLACDecoder, TruncatedFileDecodesWhatIsThereAndStops) {
+    TempDir dir;
+    const std::string path = makeFlac(dir, "full.flac", 2, 16, 60000);
+    auto bytes = readFile(path);
+    bytes.resize(bytes.size() * 6 / 10);
+    writeFile(dir.file("cut.flac"), bytes);
+    auto decoder = open(dir.file("cut.flac"));
+    ASSERT_TRUE(decoder);
+    EXPECT_EQ(decoder->totalFrames(), 60000);
+    const Decoded d = decodeAll(*decoder);
+    EXPECT_GT(d.frames, 10000u);
+    EXPECT_LT(d.frames, 60000u);
+}
+
+TEST(FLACDecoder, CorruptFrameBytesDoNotStopTheDecode) {
+    TempDir dir;
+    const std::string path = makeFlac(dir, "ok.flac", 2, 16, 60000);
+    auto bytes = readFile(path);
+    // Scribble over the middle of the audio: libFLAC resynchronises.
+    for (size_t i = bytes.size() / 2; i < bytes.size() / 2 + 3000; ++i)
+        bytes[i] = uint8_t(i * 31);
+    writeFile(dir.file("bad.flac"), bytes);
+    auto decoder = open(dir.file("bad.flac"));
+    ASSERT_TRUE(decoder);
+    const Decoded d = decodeAll(*decoder);
+    EXPECT_GT(d.frames, 30000u);
+    EXPECT_TRUE(decoder->isEndOfFile());
+}
