@@ -102,8 +102,8 @@ ProbeCommand::Result ProbeCommand::probe(const std::string& path) {
     return r;
 }
 
-nlohmann::json ProbeCommand::toJSON(const Result& r) {
-    nlohmann::json j = nlohmann::json::object();
+nlohmann::ordered_json ProbeCommand::toJSON(const Result& r) {
+    nlohmann::ordered_json j = nlohmann::ordered_json::object();
     j["path"] = r.path;
     if (r.error) {
         j["error"] = *r.error;
@@ -114,7 +114,8 @@ nlohmann::json ProbeCommand::toJSON(const Result& r) {
     j["mBitsPerChannel"] = r.mBitsPerChannel;
     j["mChannelsPerFrame"] = r.mChannelsPerFrame;
     j["mBytesPerFrame"] = r.mBytesPerFrame;
-    j["layoutTag"] = r.layoutTag ? nlohmann::json(*r.layoutTag) : nlohmann::json(nullptr);
+    j["layoutTag"] =
+        r.layoutTag ? nlohmann::ordered_json(*r.layoutTag) : nlohmann::ordered_json(nullptr);
     j["totalFrames"] = r.totalFrames;
     j["framesDecoded"] = r.framesDecoded;
     j["pcmMD5"] = r.pcmMD5;
@@ -122,7 +123,7 @@ nlohmann::json ProbeCommand::toJSON(const Result& r) {
 }
 
 int ProbeCommand::execute(std::ostream& out, std::ostream& err) const {
-    nlohmann::json all = nlohmann::json::array();
+    nlohmann::ordered_json all = nlohmann::ordered_json::array();
     int status = 0;
     for (const std::string& path : files_) {
         const Result r = probe(path);

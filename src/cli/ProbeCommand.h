@@ -38,7 +38,7 @@ public:
 
     // Decodes one file to its end. Never throws; failures are in `error`.
     static Result probe(const std::string& path);
-    static nlohmann::json toJSON(const Result& result);
+    static nlohmann::ordered_json toJSON(const Result& result);
 
 private:
     std::vector<std::string> files_;
