@@ -1,0 +1,233 @@
+// The FFmpeg decoder checked against ffmpeg's own 16-bit decoding and the
+// samples its fixtures were made from; the missing-file retry is counted with
+// an injected sleep.
+
+#include <chrono>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "core/KDDecoder.h"
+#include "decoders/FFMPEGDecoder.h"
+#include "platform/ErrorLog.h"
+#include "support/TestSupport.h"
+
+using namespace velvox;
+using namespace velvox::test;
+
+namespace {
+
+struct Decoded {
+    std::vector<uint8_t> pcm;
+    uint64_t frames = 0;
+};
+
+// One packet per fill: packets of other streams leave the buffer empty
+// without ending the stream, so only the end-of-file flag stops the loop.
+Decoded decodeAll(KDDecoder& decoder, uint32_t framesPerRead = 4096) {
+    Decoded d;
+    const auto format = decoder.decodeFormat();
+    std::vector<uint8_t> buffer(size_t(framesPerRead) * format.mBytesPerFrame);
+    for (int idle = 0; idle < 100000;) {
+        auto list = AudioBufferList::single(buffer.data(), uint32_t(buffer.size()),
+                                            format.mChannelsPerFrame);
+        const uint32_t n = decoder.readAudio(&list, framesPerRead);
+        if (n == 0) {
+            if (decoder.isEndOfFile())
+                break;
+            ++idle;
+            continue;
+        }
+        d.pcm.insert(d.pcm.end(), buffer.begin(), buffer.begin() + n * format.mBytesPerFrame);
+        d.frames += n;
+    }
+    return d;
+}
+
+std::unique_ptr<KDDecoder> openFFmpeg(const std::string& path) {
+    return KDDecoder::decoderOfClass("FFMPEGDecoder", path);
+}
+
+void run(const std::string& command) { ASSERT_EQ(runCommand(command).exitCode, 0) << command; }
+
+std::vector<uint8_t> ffmpegRaw(const std::string& path, const std::string& format) {
+    const auto r =
+        runCommand("ffmpeg -v error -i " + shellQuote(path) + " -map 0:a:0 -f " + format + " -");
+    EXPECT_EQ(r.exitCode, 0);
+    return std::vector<uint8_t>(r.output.begin(), r.output.end());
+}
+
+// Installs a sleep that records instead of waiting, and can run an action on
+// a given call; the real sleep comes back at the end of the test.
+class RecordedSleep {
+public:
+    explicit RecordedSleep(std::function<void(int)> onCall = {}) {
+        FFMPEGDecoder::setSleepFunction([this, onCall](std::chrono::microseconds d) {
+            durations.push_back(d);
+            if (onCall)
+                onCall(int(durations.size()));
+        });
+    }
+    ~RecordedSleep() { FFMPEGDecoder::setSleepFunction({}); }
+    std::vector<std::chrono::microseconds> durations;
+};
+
+} // namespace
+
+TEST(FFMPEGDecoderTest, MissingFileIsTriedFourTimesThenLogged) {
+    TempDir dir;
+    const std::string path = dir.file("not-there.wav");
+    ErrorLog::sharedController().clear();
+    RecordedSleep sleep;
+    EXPECT_EQ(openFFmpeg(path), nullptr);
+
+    ASSERT_EQ(sleep.durations.size(), size_t(FFMPEGDecoder::kMaxOpenTries - 1));
+    for (auto d : sleep.durations) {
+        EXPECT_GE(d.count(), 1000000);
+        EXPECT_LE(d.count(), 1000000 + 29999 * 100);
+    }
+    const auto messages = ErrorLog::sharedController().messages();
+    ASSERT_EQ(messages.size(), 2u);
+    EXPECT_EQ(messages[0], "FFMPEG Could Not Open Input For File: " + path + " ERROR: -2");
+    EXPECT_EQ(messages[1].rfind(path + ": ", 0), 0u);
+}
+
+TEST(FFMPEGDecoderTest, FileThatAppearsBeforeTheLastTryIsOpened) {
+    TempDir dir;
+    const std::string path = dir.file("late.wav");
+    const auto signal = makeSignal(1000, 2, 16);
+    RecordedSleep sleep([&](int call) {
+        if (call == FFMPEGDecoder::kMaxOpenTries - 1)
+            writeWav(path, signal, 2, 44100, 16);
+    });
+    auto decoder = openFFmpeg(path);
+    ASSERT_TRUE(decoder);
+    EXPECT_EQ(sleep.durations.size(), size_t(FFMPEGDecoder::kMaxOpenTries - 1));
+    EXPECT_EQ(decodeAll(*decoder).pcm, packLittleEndian(signal, 16));
+}
+
+TEST(FFMPEGDecoderTest, OtherOpenFailuresAreNotRetried) {
+    TempDir dir;
+    writeFile(dir.file("text.mov"), std::vector<uint8_t>(100, 'x'));
+    writeFile(dir.file("empty.avi"), {});
+    RecordedSleep sleep;
+    ErrorLog::sharedController().clear();
+    EXPECT_EQ(KDDecoder::decoderWithFilename(dir.file("text.mov")), nullptr);
+    EXPECT_EQ(KDDecoder::decoderWithFilename(dir.file("empty.avi")), nullptr);
+    EXPECT_TRUE(sleep.durations.empty());
+    EXPECT_FALSE(ErrorLog::sharedController().messages().empty());
+}
+
+TEST(FFMPEGDecoderTest, TotalFramesCountsWholeSecondsOnly) {
+    TempDir dir;
+    const uint32_t frames = 480690; // 10.9 s at 44.1 kHz
+    const auto signal = makeSignal(frames, 1, 16, 2);
+    writeWav(dir.file("long.wav"), signal, 1, 44100, 16);
+    auto decoder = openFFmpeg(dir.file("long.wav"));
+    ASSERT_TRUE(decoder);
+    EXPECT_EQ(decoder->totalFrames(), 441000);
+    EXPECT_FALSE(decoder->totalFramesIsExact());
+    EXPECT_EQ(decoder->channelLayout()->mChannelLayoutTag, kAudioChannelLayoutTag_Mono);
+
+    // Packed 16-bit data are copied as they come.
+    const Decoded d = decodeAll(*decoder);
+    EXPECT_EQ(d.frames, frames);
+    EXPECT_EQ(md5Hex(d.pcm), md5Hex(packLittleEndian(signal, 16)));
+}
+
+TEST(FFMPEGDecoderTest, SampleFormatsBecome16BitOrStayUnsigned8Bit) {
+    if (!haveTool("ffmpeg"))
+        GTEST_SKIP() << "ffmpeg is needed for the fixtures";
+    TempDir dir;
+    const uint32_t frames = 48000;
+    writeWav(dir.file("src.wav"), makeSignal(frames, 2, 16, 6), 2, 48000, 16);
+    writeWav(dir.file("src6.wav"), makeSignal(frames, 6, 24, 6), 6, 48000, 24, 0x3F);
+    struct Case {
+        std::string name, source, codec;
+        uint32_t bits, channels;
+        AudioChannelLayoutTag tag;
+    };
+    const Case cases[] = {
+        {"aac.mov", "src.wav", "aac", 16, 2, kAudioChannelLayoutTag_Stereo},         // planar float
+        {"s24.mov", "src6.wav", "pcm_s24le", 16, 6, kAudioChannelLayoutTag_Unknown}, // s32
+        {"flt.mov", "src.wav", "pcm_f32le", 16, 2, kAudioChannelLayoutTag_Stereo},
+        {"u8.avi", "src.wav", "pcm_u8", 8, 2, kAudioChannelLayoutTag_Stereo},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::string path = dir.file(c.name);
+        run("ffmpeg -v error -i " + shellQuote(dir.file(c.source)) + " -c:a " + c.codec + " " +
+            shellQuote(path));
+        auto decoder = KDDecoder::decoderWithFilename(path);
+        ASSERT_TRUE(decoder);
+        EXPECT_STREQ(decoder->className(), "FFMPEGDecoder");
+        const auto f = decoder->decodeFormat();
+        EXPECT_EQ(f.mBitsPerChannel, c.bits);
+        EXPECT_EQ(f.mChannelsPerFrame, c.channels);
+        EXPECT_EQ(f.mBytesPerFrame, c.bits / 8 * c.channels);
+        EXPECT_EQ(f.mFormatFlags, 0xCu);
+        EXPECT_EQ(decoder->channelLayout()->mChannelLayoutTag, c.tag);
+
+        const Decoded d = decodeAll(*decoder);
+        EXPECT_NEAR(double(d.frames), double(frames), 2048.0);
+        // 8-bit data stay unsigned, as FFmpeg delivers them.
+        EXPECT_EQ(md5Hex(d.pcm), md5Hex(ffmpegRaw(path, c.bits == 8 ? "u8" : "s16le")));
+    }
+}
+
+TEST(FFMPEGDecoderTest, VideoFileDecodesItsFirstAudioStream) {
+    if (!haveTool("ffmpeg") || !haveTool("ffprobe"))
+        GTEST_SKIP() << "ffmpeg is needed for the fixtures";
+    TempDir dir;
+    for (const char* name : {"clip.mov", "clip.avi"}) {
+        SCOPED_TRACE(name);
+        const std::string path = dir.file(name);
+        // Video first, then two audio streams of different rates.
+        run("ffmpeg -v error -f lavfi -i testsrc=duration=2:size=160x120:rate=25 -f lavfi -i "
+            "sine=frequency=440:duration=2:sample_rate=44100 -f lavfi -i "
+            "sine=frequency=1000:duration=2:sample_rate=22050 -map 0:v -map 1:a -map 2:a "
+            "-c:v mpeg4 -c:a:0 mp2 -c:a:1 pcm_s16le " +
+            shellQuote(path));
+        const auto probe = runCommand(
+            "ffprobe -v error -show_entries stream=codec_type -of csv=p=0 " + shellQuote(path));
+        ASSERT_EQ(probe.output.rfind("video", 0), 0u) << probe.output;
+
+        auto decoder = KDDecoder::decoderWithFilename(path);
+        ASSERT_TRUE(decoder);
+        EXPECT_STREQ(decoder->className(), "FFMPEGDecoder");
+        EXPECT_EQ(decoder->decodeFormat().mSampleRate, 44100.0);
+        EXPECT_EQ(decoder->decodeFormat().mChannelsPerFrame, 1u);
+        const Decoded d = decodeAll(*decoder);
+        EXPECT_NEAR(double(d.frames), 88200.0, 2048.0);
+        EXPECT_EQ(md5Hex(d.pcm), md5Hex(ffmpegRaw(path, "s16le")));
+    }
+}
+
+TEST(FFMPEGDecoderTest, FilesWithoutUsableAudioFailWithTheirMessage) {
+    if (!haveTool("ffmpeg"))
+        GTEST_SKIP() << "ffmpeg is needed for the fixtures";
+    TempDir dir;
+    const std::string video = dir.file("silent.mov");
+    run("ffmpeg -v error -f lavfi -i testsrc=duration=1:size=64x48:rate=10 -c:v mpeg4 " +
+        shellQuote(video));
+    ErrorLog::sharedController().clear();
+    EXPECT_EQ(openFFmpeg(video), nullptr);
+    const auto messages = ErrorLog::sharedController().messages();
+    ASSERT_FALSE(messages.empty());
+    EXPECT_EQ(messages.back(), "Failed To Determine mBytesPerFrame.");
+
+    // Cut short in the middle of the audio: what is there decodes.
+    writeWav(dir.file("full.wav"), makeSignal(20000, 2, 16), 2, 44100, 16);
+    run("ffmpeg -v error -i " + shellQuote(dir.file("full.wav")) +
+        " -c:a aac -movflags +faststart " + shellQuote(dir.file("full.mov")));
+    auto bytes = readFile(dir.file("full.mov"));
+    bytes.resize(bytes.size() / 2);
+    writeFile(dir.file("cut.mov"), bytes);
+    if (auto decoder = openFFmpeg(dir.file("cut.mov"))) {
+        const Decoded d = decodeAll(*decoder);
+        EXPECT_LT(d.frames, 20000u);
+        EXPECT_TRUE(decoder->isEndOfFile());
+    }
+}
