@@ -3,6 +3,7 @@
 #include <mutex>
 
 #include "core/KDDecoder.h"
+#include "decoders/CoreAudioDecoder.h"
 #include "decoders/FFMPEGDecoder.h"
 #include "decoders/FLACDecoder.h"
 #include "decoders/OggFLACDecoder.h"
@@ -21,6 +22,7 @@ void DecoderRegistration::registerAll() {
     std::call_once(once, [] {
         add<FLACDecoder>("FLACDecoder");
         add<OggFLACDecoder>("OggFLACDecoder");
+        add<CoreAudioDecoder>("CoreAudioDecoder");
         add<FFMPEGDecoder>("FFMPEGDecoder");
     });
 }

@@ -1,0 +1,508 @@
+// The desktop-format decoder checked sample for sample: uncompressed files
+// against the samples they were written from (or sox's reading of them), coded
+// files against the source PCM (lossless) or ffmpeg's own 16-bit decoding.
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "core/KDDecoder.h"
+#include "decoders/CoreAudioDecoder.h"
+#include "platform/ErrorLog.h"
+#include "support/TestSupport.h"
+
+using namespace velvox;
+using namespace velvox::test;
+
+namespace {
+
+struct Decoded {
+    std::vector<uint8_t> pcm;
+    uint64_t frames = 0;
+};
+
+// Reads in uneven slices so that partial frames of coded formats carry over
+// between calls.
+Decoded decodeAll(KDDecoder& decoder) {
+    Decoded d;
+    const auto format = decoder.decodeFormat();
+    const uint32_t sizes[] = {4096, 1000, 333, 8192};
+    std::vector<uint8_t> buffer(size_t(8192) * format.mBytesPerFrame);
+    size_t call = 0;
+    for (int idle = 0; idle < 10000;) {
+        const uint32_t want = sizes[call++ % std::size(sizes)];
+        auto list = AudioBufferList::single(buffer.data(), uint32_t(buffer.size()),
+                                            format.mChannelsPerFrame);
+        const uint32_t n = decoder.readAudio(&list, want);
+        if (n == 0) {
+            if (decoder.isEndOfFile())
+                break;
+            ++idle;
+            continue;
+        }
+        EXPECT_LE(n, want);
+        d.pcm.insert(d.pcm.end(), buffer.begin(), buffer.begin() + n * format.mBytesPerFrame);
+        d.frames += n;
+    }
+    return d;
+}
+
+std::unique_ptr<KDDecoder> openCoreAudio(const std::string& path) {
+    auto decoder = KDDecoder::decoderWithFilename(path);
+    if (decoder) {
+        EXPECT_STREQ(decoder->className(), "CoreAudioDecoder") << path;
+    }
+    return decoder;
+}
+
+// The samples as the decoder must deliver them: signed little-endian.
+std::vector<uint8_t> expectedPCM(const std::vector<int32_t>& samples, uint32_t bits) {
+    return packLittleEndian(samples, bits);
+}
+
+void run(const std::string& command) { ASSERT_EQ(runCommand(command).exitCode, 0) << command; }
+
+// sox's reading of a file, as signed little-endian samples of the given width.
+std::vector<uint8_t> soxPCM(const std::string& path, uint32_t bits) {
+    const auto r = runCommand("sox " + shellQuote(path) + " -t raw -e signed -L -b " +
+                              std::to_string(bits) + " -");
+    EXPECT_EQ(r.exitCode, 0);
+    return std::vector<uint8_t>(r.output.begin(), r.output.end());
+}
+
+// ffmpeg's own 16-bit decoding of the first audio stream.
+std::vector<uint8_t> ffmpegS16(const std::string& path) {
+    const auto r = runCommand("ffmpeg -v error -i " + shellQuote(path) + " -map 0:a:0 -f s16le -");
+    EXPECT_EQ(r.exitCode, 0);
+    return std::vector<uint8_t>(r.output.begin(), r.output.end());
+}
+
+void put16(std::vector<uint8_t>& v, uint32_t x) {
+    v.push_back(uint8_t(x));
+    v.push_back(uint8_t(x >> 8));
+}
+void put32(std::vector<uint8_t>& v, uint32_t x) {
+    put16(v, x & 0xFFFF);
+    put16(v, x >> 16);
+}
+
+// WAVE_FORMAT_IEEE_FLOAT, 32-bit.
+void writeFloatWav(const std::string& path, const std::vector<float>& samples, uint32_t channels,
+                   uint32_t rate) {
+    std::vector<uint8_t> data(samples.size() * 4);
+    std::memcpy(data.data(), samples.data(), data.size());
+    std::vector<uint8_t> file = {'R', 'I', 'F', 'F'};
+    put32(file, uint32_t(4 + 8 + 18 + 8 + data.size()));
+    file.insert(file.end(), {'W', 'A', 'V', 'E', 'f', 'm', 't', ' '});
+    put32(file, 18);
+    put16(file, 3);
+    put16(file, channels);
+    put32(file, rate);
+    put32(file, rate * channels * 4);
+    put16(file, channels * 4);
+    put16(file, 32);
+    put16(file, 0);
+    file.insert(file.end(), {'d', 'a', 't', 'a'});
+    put32(file, uint32_t(data.size()));
+    file.insert(file.end(), data.begin(), data.end());
+    writeFile(path, file);
+}
+
+size_t countLines(const std::string& text) {
+    size_t n = 0;
+    for (const auto& m : ErrorLog::sharedController().messages())
+        n += m.find(text) != std::string::npos;
+    return n;
+}
+
+} // namespace
+
+TEST(CoreAudioDecoderTest, WaveIntegerSamplesComeOutBitExactAtTheirOwnDepth) {
+    TempDir dir;
+    struct Case {
+        uint32_t bits, channels, mask;
+    };
+    const Case cases[] = {{8, 1, 0},  {8, 2, 0},      {16, 1, 0}, {16, 2, 0},  {16, 6, 0x3F},
+                          {24, 2, 0}, {24, 6, 0x60F}, {32, 1, 0}, {32, 2, 0x3}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.bits << " bits, " << c.channels << " channels");
+        const uint32_t frames = 20000 + c.channels;
+        const auto signal = makeSignal(frames, c.channels, c.bits, c.bits + c.channels);
+        const std::string path =
+            dir.file("in" + std::to_string(c.bits) + "_" + std::to_string(c.channels) + ".wav");
+        writeWav(path, signal, c.channels, 48000, c.bits, c.mask);
+
+        auto decoder = openCoreAudio(path);
+        ASSERT_TRUE(decoder);
+        const auto f = decoder->decodeFormat();
+        EXPECT_EQ(f.mFormatID, kAudioFormatLinearPCM);
+        EXPECT_EQ(f.mFormatFlags, 0xCu);
+        EXPECT_EQ(f.mBitsPerChannel, c.bits);
+        EXPECT_EQ(f.mBytesPerFrame, c.bits / 8 * c.channels);
+        EXPECT_EQ(f.mBytesPerPacket, f.mBytesPerFrame);
+        EXPECT_EQ(f.mFramesPerPacket, 1u);
+        EXPECT_EQ(f.mChannelsPerFrame, c.channels);
+        EXPECT_EQ(f.mSampleRate, 48000.0);
+        EXPECT_EQ(decoder->totalFrames(), int64_t(frames));
+        EXPECT_TRUE(decoder->totalFramesIsExact());
+
+        const Decoded d = decodeAll(*decoder);
+        EXPECT_EQ(d.frames, frames);
+        EXPECT_EQ(md5Hex(d.pcm), md5Hex(expectedPCM(signal, c.bits)));
+        EXPECT_EQ(decoder->currentFrame(), int64_t(frames));
+    }
+}
+
+TEST(CoreAudioDecoderTest, FloatWaveBecomes32BitIntegerRoundedAndClipped) {
+    TempDir dir;
+    const uint32_t frames = 5000;
+    // Floats that hold 24-bit integers exactly, so the expected value is exact.
+    const auto signal = makeSignal(frames, 2, 24, 7);
+    std::vector<float> samples;
+    std::vector<int32_t> expected;
+    for (int32_t s : signal) {
+        samples.push_back(float(s) / 8388608.0f);
+        expected.push_back(int32_t(uint32_t(s) << 8));
+    }
+    // Beyond full scale clips; half a step rounds to even; NaN is silence.
+    const float extremes[] = {1.0f, -1.0f, 1.5f, -3.0f, 0x1p-31f, 0x3p-32f, std::nanf("")};
+    const int32_t clipped[] = {INT32_MAX, INT32_MIN, INT32_MAX, INT32_MIN, 1, 2, 0};
+    samples.insert(samples.end(), std::begin(extremes), std::end(extremes));
+    expected.insert(expected.end(), std::begin(clipped), std::end(clipped));
+    samples.push_back(0); // even count for two channels
+    expected.push_back(0);
+    const std::string path = dir.file("float.wav");
+    writeFloatWav(path, samples, 2, 44100);
+
+    auto decoder = openCoreAudio(path);
+    ASSERT_TRUE(decoder);
+    EXPECT_EQ(decoder->decodeFormat().mBitsPerChannel, 32u);
+    EXPECT_EQ(decoder->decodeFormat().mBytesPerFrame, 8u);
+    const Decoded d = decodeAll(*decoder);
+    ASSERT_EQ(d.frames, frames + 4);
+    std::vector<int32_t> got(d.pcm.size() / 4);
+    std::memcpy(got.data(), d.pcm.data(), d.pcm.size());
+    EXPECT_EQ(got, expected);
+}
+
+TEST(CoreAudioDecoderTest, OtherUncompressedContainersMatchTheirSource) {
+    if (!haveTool("sox") || !haveTool("ffmpeg"))
+        GTEST_SKIP() << "sox and ffmpeg are needed for the fixtures";
+    TempDir dir;
+    struct Case {
+        const char* name;
+        uint32_t bits;
+        uint32_t channels;
+        const char* make; // command; %in and %out are replaced
+    };
+    const Case cases[] = {
+        {"a16.aiff", 16, 2, "sox %in %out"},
+        {"a24.aiff", 24, 2, "sox %in %out"},
+        {"c16.aifc", 16, 1, "sox %in -t aifc %out"},
+        {"c24.caf", 24, 2, "sox %in %out"},
+        {"f16.caf", 16, 3, "ffmpeg -v error -i %in -c:a pcm_s16le %out"},
+        {"u16.au", 16, 2, "sox %in %out"},
+        {"w24.w64", 24, 4, "sox %in %out"},
+        {"r16.wav", 16, 2, "ffmpeg -v error -i %in -rf64 always %out"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const uint32_t frames = 12345;
+        const auto signal = makeSignal(frames, c.channels, c.bits, 3);
+        const std::string source = dir.file(std::string(c.name) + ".src.wav");
+        writeWav(source, signal, c.channels, 32000, c.bits);
+        std::string command = c.make;
+        command.replace(command.find("%in"), 3, shellQuote(source));
+        command.replace(command.find("%out"), 4, shellQuote(dir.file(c.name)));
+        run(command);
+
+        auto decoder = openCoreAudio(dir.file(c.name));
+        ASSERT_TRUE(decoder);
+        EXPECT_EQ(decoder->decodeFormat().mBitsPerChannel, c.bits);
+        EXPECT_EQ(decoder->decodeFormat().mChannelsPerFrame, c.channels);
+        EXPECT_EQ(decoder->totalFrames(), int64_t(frames));
+        const Decoded d = decodeAll(*decoder);
+        EXPECT_EQ(d.frames, frames);
+        EXPECT_EQ(md5Hex(d.pcm), md5Hex(expectedPCM(signal, c.bits)));
+    }
+}
+
+TEST(CoreAudioDecoderTest, CompandedDataDecodeTo16BitsLikeSox) {
+    if (!haveTool("sox"))
+        GTEST_SKIP() << "sox is needed for the fixtures";
+    TempDir dir;
+    const auto signal = makeSignal(8000, 1, 16, 5);
+    writeWav(dir.file("src.wav"), signal, 1, 8000, 16);
+    for (const char* encoding : {"u-law", "a-law"}) {
+        SCOPED_TRACE(encoding);
+        const std::string path = dir.file(std::string(encoding) + ".au");
+        run("sox -D " + shellQuote(dir.file("src.wav")) + " -e " + encoding + " " +
+            shellQuote(path));
+        auto decoder = openCoreAudio(path);
+        ASSERT_TRUE(decoder);
+        EXPECT_EQ(decoder->decodeFormat().mBitsPerChannel, 16u);
+        const Decoded d = decodeAll(*decoder);
+        EXPECT_EQ(d.frames, 8000u);
+        EXPECT_EQ(md5Hex(d.pcm), md5Hex(soxPCM(path, 16)));
+    }
+}
+
+TEST(CoreAudioDecoderTest, ChannelLayoutsFollowTheFile) {
+    TempDir dir;
+    struct Case {
+        uint32_t channels, mask;
+        AudioChannelLayoutTag tag;
+    };
+    // Speaker masks are channel bitmaps: replaced by a tag by channel count.
+    const Case cases[] = {
+        {1, 0x4, kAudioChannelLayoutTag_Mono},
+        {2, 0x3, kAudioChannelLayoutTag_Stereo},
+        {3, 0x7, kAudioChannelLayoutTag_MPEG_3_0_A},
+        {4, 0x33, kAudioChannelLayoutTag_DVD_10},
+        {5, 0x37, kAudioChannelLayoutTag_DVD_11},
+        {6, 0x3F, kAudioChannelLayoutTag_MPEG_5_1_A},
+        {6, 0x60F, kAudioChannelLayoutTag_MPEG_5_1_A},
+        {7, 0x13F, kAudioChannelLayoutTag_MPEG_6_1_A},
+        {8, 0x63F, kAudioChannelLayoutTag_MPEG_7_1_C},
+        // No layout information at all.
+        {1, 0, kAudioChannelLayoutTag_Mono},
+        {2, 0, kAudioChannelLayoutTag_Stereo},
+        {4, 0, kAudioChannelLayoutTag_Unknown},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.channels << " channels, mask " << c.mask);
+        const std::string path = dir.file("l.wav");
+        writeWav(path, makeSignal(100, c.channels, 16), c.channels, 44100, 16, c.mask);
+        auto decoder = openCoreAudio(path);
+        ASSERT_TRUE(decoder);
+        ASSERT_NE(decoder->channelLayout(), nullptr);
+        EXPECT_EQ(decoder->channelLayout()->mChannelLayoutTag, c.tag);
+    }
+
+    // More channels than any tag covers: the bitmap itself is kept.
+    const std::string wide = dir.file("wide.wav");
+    writeWav(wide, makeSignal(100, 10, 16), 10, 44100, 16, 0x3FF);
+    auto decoder = openCoreAudio(wide);
+    ASSERT_TRUE(decoder);
+    EXPECT_EQ(decoder->channelLayout()->mChannelLayoutTag, kAudioChannelLayoutTag_UseChannelBitmap);
+    EXPECT_EQ(decoder->channelLayout()->mChannelBitmap, 0x3FFu);
+}
+
+TEST(CoreAudioDecoderTest, ChannelDescriptionsOfCafFilesAreKept) {
+    if (!haveTool("ffmpeg"))
+        GTEST_SKIP() << "ffmpeg is needed for the fixtures";
+    TempDir dir;
+    writeWav(dir.file("six.wav"), makeSignal(500, 6, 16), 6, 48000, 16, 0x60F);
+    writeWav(dir.file("two.wav"), makeSignal(500, 2, 16), 2, 48000, 16, 0x3);
+    run("ffmpeg -v error -i " + shellQuote(dir.file("six.wav")) + " -c:a pcm_s16le " +
+        shellQuote(dir.file("six.caf")));
+    run("ffmpeg -v error -i " + shellQuote(dir.file("two.wav")) + " -c:a pcm_s16le " +
+        shellQuote(dir.file("two.caf")));
+
+    auto six = openCoreAudio(dir.file("six.caf"));
+    ASSERT_TRUE(six);
+    const AudioChannelLayout* layout = six->channelLayout();
+    ASSERT_NE(layout, nullptr);
+    EXPECT_EQ(layout->mChannelLayoutTag, kAudioChannelLayoutTag_UseChannelDescriptions);
+    std::vector<AudioChannelLabel> labels;
+    for (const auto& d : layout->mChannelDescriptions)
+        labels.push_back(d.mChannelLabel);
+    const std::vector<AudioChannelLabel> fivePointOne = {
+        kAudioChannelLabel_Left,         kAudioChannelLabel_Right,
+        kAudioChannelLabel_Center,       kAudioChannelLabel_LFEScreen,
+        kAudioChannelLabel_LeftSurround, kAudioChannelLabel_RightSurround};
+    EXPECT_EQ(labels, fivePointOne);
+    EXPECT_EQ(layout->mNumberChannelDescriptions, 6u);
+
+    auto two = openCoreAudio(dir.file("two.caf"));
+    ASSERT_TRUE(two);
+    EXPECT_EQ(two->channelLayout()->mChannelLayoutTag, kAudioChannelLayoutTag_Stereo);
+}
+
+TEST(CoreAudioDecoderTest, AdjustedLayoutRules) {
+    auto bitmap = std::make_unique<AudioChannelLayout>();
+    bitmap->mChannelLayoutTag = kAudioChannelLayoutTag_UseChannelBitmap;
+    bitmap->mChannelBitmap = 0x3F;
+    EXPECT_EQ(CoreAudioDecoder::adjustedChannelLayout(std::move(bitmap), 6)->mChannelLayoutTag,
+              kAudioChannelLayoutTag_MPEG_5_1_A);
+
+    auto oneDescription = std::make_unique<AudioChannelLayout>();
+    oneDescription->mChannelLayoutTag = kAudioChannelLayoutTag_UseChannelDescriptions;
+    EXPECT_EQ(
+        CoreAudioDecoder::adjustedChannelLayout(std::move(oneDescription), 1)->mChannelLayoutTag,
+        kAudioChannelLayoutTag_Mono);
+
+    auto tagged = std::make_unique<AudioChannelLayout>();
+    tagged->mChannelLayoutTag = kAudioChannelLayoutTag_MPEG_5_0_B;
+    EXPECT_EQ(CoreAudioDecoder::adjustedChannelLayout(std::move(tagged), 5)->mChannelLayoutTag,
+              kAudioChannelLayoutTag_MPEG_5_0_B);
+}
+
+TEST(CoreAudioDecoderTest, DecodeDepthRules) {
+    AudioStreamBasicDescription alac{};
+    alac.mFormatID = kAudioFormatAppleLossless;
+    const std::pair<uint32_t, uint32_t> alacDepths[] = {{1, 16}, {2, 20}, {3, 24},
+                                                        {4, 32}, {0, 16}, {9, 16}};
+    for (auto [flag, bits] : alacDepths) {
+        alac.mFormatFlags = flag;
+        EXPECT_EQ(CoreAudioDecoder::decodeBitsForSourceFormat(alac), bits) << flag;
+    }
+    AudioStreamBasicDescription mp3{};
+    mp3.mFormatID = kAudioFormatMPEGLayer3;
+    EXPECT_EQ(CoreAudioDecoder::decodeBitsForSourceFormat(mp3), 16u);
+    AudioStreamBasicDescription pcm{};
+    pcm.mFormatID = kAudioFormatLinearPCM;
+    pcm.mBitsPerChannel = 24;
+    EXPECT_EQ(CoreAudioDecoder::decodeBitsForSourceFormat(pcm), 24u);
+    pcm.mBitsPerChannel = 64;
+    EXPECT_EQ(CoreAudioDecoder::decodeBitsForSourceFormat(pcm), 32u);
+}
+
+TEST(CoreAudioDecoderTest, AppleLosslessDecodesToItsSourceSamples) {
+    if (!haveTool("ffmpeg"))
+        GTEST_SKIP() << "ffmpeg is needed for the fixtures";
+    TempDir dir;
+    for (uint32_t bits : {16u, 24u}) {
+        SCOPED_TRACE(testing::Message() << bits << " bits");
+        const uint32_t frames = 30011;
+        const auto signal = makeSignal(frames, 2, bits, bits);
+        const std::string source = dir.file("src" + std::to_string(bits) + ".wav");
+        const std::string path = dir.file("alac" + std::to_string(bits) + ".m4a");
+        writeWav(source, signal, 2, 44100, bits);
+        run("ffmpeg -v error -i " + shellQuote(source) + " -c:a alac " + shellQuote(path));
+
+        auto decoder = openCoreAudio(path);
+        ASSERT_TRUE(decoder);
+        const auto* coreAudio = dynamic_cast<CoreAudioDecoder*>(decoder.get());
+        ASSERT_NE(coreAudio, nullptr);
+        EXPECT_EQ(coreAudio->sourceFormat().mFormatID, kAudioFormatAppleLossless);
+        EXPECT_EQ(coreAudio->sourceFormat().mFormatFlags, bits == 16 ? 1u : 3u);
+        EXPECT_EQ(decoder->decodeFormat().mBitsPerChannel, bits);
+        EXPECT_EQ(decoder->decodeFormat().mBytesPerFrame, bits / 8 * 2);
+        EXPECT_EQ(decoder->totalFrames(), int64_t(frames));
+        EXPECT_FALSE(decoder->totalFramesIsExact());
+        EXPECT_EQ(decoder->channelLayout()->mChannelLayoutTag, kAudioChannelLayoutTag_Stereo);
+
+        const Decoded d = decodeAll(*decoder);
+        EXPECT_EQ(d.frames, frames);
+        EXPECT_EQ(md5Hex(d.pcm), md5Hex(expectedPCM(signal, bits)));
+    }
+}
+
+TEST(CoreAudioDecoderTest, LossyFormatsDecodeTo16BitsLikeFfmpeg) {
+    if (!haveTool("ffmpeg"))
+        GTEST_SKIP() << "ffmpeg is needed for the fixtures";
+    TempDir dir;
+    const uint32_t frames = 44100;
+    writeWav(dir.file("src.wav"), makeSignal(frames, 2, 16, 11), 2, 44100, 16);
+    const bool lame =
+        runCommand("ffmpeg -hide_banner -encoders 2>/dev/null | grep -q libmp3lame").exitCode == 0;
+    struct Case {
+        std::string name, codec;
+        AudioFormatID formatID;
+    };
+    const Case cases[] = {
+        {"x.mp3", lame ? "libmp3lame" : "mp2",
+         lame ? kAudioFormatMPEGLayer3 : kAudioFormatMPEGLayer2},
+        {"x.mp2", "mp2", kAudioFormatMPEGLayer2},
+        {"x.m4a", "aac", kAudioFormatMPEG4AAC}, // planar float out of the decoder
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::string path = dir.file(c.name);
+        run("ffmpeg -v error -i " + shellQuote(dir.file("src.wav")) + " -c:a " + c.codec +
+            " -b:a 192k " + shellQuote(path));
+        auto decoder = openCoreAudio(path);
+        ASSERT_TRUE(decoder);
+        const auto* coreAudio = dynamic_cast<CoreAudioDecoder*>(decoder.get());
+        EXPECT_EQ(coreAudio->sourceFormat().mFormatID, c.formatID);
+        EXPECT_EQ(coreAudio->sourceFormat().mBitsPerChannel, 0u);
+        EXPECT_EQ(decoder->decodeFormat().mBitsPerChannel, 16u);
+        EXPECT_EQ(decoder->decodeFormat().mBytesPerFrame, 4u);
+        EXPECT_EQ(decoder->channelLayout()->mChannelLayoutTag, kAudioChannelLayoutTag_Stereo);
+        EXPECT_NEAR(double(decoder->totalFrames()), double(frames), 2048.0);
+
+        const Decoded d = decodeAll(*decoder);
+        std::vector<uint8_t> reference = ffmpegS16(path);
+        if (c.formatID == kAudioFormatMPEG4AAC) {
+            // The edit list's length, without the encoder's padding that
+            // ffmpeg itself still writes out.
+            EXPECT_EQ(d.frames, frames);
+            ASSERT_GT(reference.size(), d.pcm.size());
+            reference.resize(d.pcm.size());
+        } else {
+            EXPECT_NEAR(double(d.frames), double(frames), 2048.0);
+        }
+        EXPECT_EQ(md5Hex(d.pcm), md5Hex(reference));
+    }
+}
+
+TEST(CoreAudioDecoderTest, DamagedAndForeignFilesFailOrDecodeShort) {
+    TempDir dir;
+    ErrorLog::sharedController().clear();
+    writeFile(dir.file("text.wav"),
+              std::vector<uint8_t>({'h', 'e', 'l', 'l', 'o', ' ', 'w', 'o', 'r', 'l', 'd', '\n'}));
+    writeFile(dir.file("empty.wav"), {});
+    std::vector<uint8_t> noise(5000);
+    for (size_t i = 0; i < noise.size(); ++i)
+        noise[i] = uint8_t(i * 2654435761u >> 13);
+    noise[0] = 'R', noise[1] = 'I', noise[2] = 'F', noise[3] = 'F';
+    writeFile(dir.file("noise.wav"), noise);
+
+    for (const char* name : {"text.wav", "empty.wav", "noise.wav"}) {
+        SCOPED_TRACE(name);
+        CoreAudioDecoder decoder;
+        EXPECT_FALSE(decoder.initWithFilename(dir.file(name)));
+        EXPECT_EQ(KDDecoder::decoderWithFilename(dir.file(name)), nullptr);
+    }
+    EXPECT_GE(countLines("ExtAudioFileOpenURL Failed With Error: "), 3u);
+    EXPECT_EQ(countLines("Failed To Create Core Audio Decoder.  Attempting To Fall Back To FFMPEG "
+                         "Decoder"),
+              3u);
+
+    // The data chunk claims more than the file holds: what is there decodes.
+    const auto signal = makeSignal(10000, 2, 16, 9);
+    writeWav(dir.file("full.wav"), signal, 2, 44100, 16);
+    auto bytes = readFile(dir.file("full.wav"));
+    const size_t header = bytes.size() - signal.size() * 2;
+    bytes.resize(header + 4 * 6000 + 3); // 6000 frames and a partial one
+    writeFile(dir.file("cut.wav"), bytes);
+    auto decoder = openCoreAudio(dir.file("cut.wav"));
+    ASSERT_TRUE(decoder);
+    const Decoded d = decodeAll(*decoder);
+    EXPECT_EQ(d.frames, 6000u);
+    EXPECT_EQ(d.pcm, std::vector<uint8_t>(bytes.begin() + ptrdiff_t(header),
+                                          bytes.begin() + ptrdiff_t(header + 4 * 6000)));
+}
+
+TEST(CoreAudioDecoderTest, FactoryFallsBackToFfmpegForEncodingsItCannotRead) {
+    if (!haveTool("ffmpeg"))
+        GTEST_SKIP() << "ffmpeg is needed for the fixtures";
+    TempDir dir;
+    writeWav(dir.file("src.wav"), makeSignal(22050, 1, 16, 4), 1, 22050, 16);
+    // Yamaha ADPCM in WAVE: neither libsndfile nor the desktop service reads it.
+    const std::string path = dir.file("yamaha.wav");
+    run("ffmpeg -v error -i " + shellQuote(dir.file("src.wav")) + " -c:a adpcm_yamaha " +
+        shellQuote(path));
+
+    ErrorLog::sharedController().clear();
+    auto decoder = KDDecoder::decoderWithFilename(path);
+    ASSERT_TRUE(decoder);
+    EXPECT_STREQ(decoder->className(), "FFMPEGDecoder");
+    const auto messages = ErrorLog::sharedController().messages();
+    ASSERT_EQ(messages.size(), 2u);
+    EXPECT_EQ(messages[0].rfind("ExtAudioFileOpenURL Failed With Error: ", 0), 0u) << messages[0];
+    EXPECT_EQ(messages[1],
+              "Failed To Create Core Audio Decoder.  Attempting To Fall Back To FFMPEG Decoder");
+
+    const Decoded d = decodeAll(*decoder);
+    EXPECT_EQ(decoder->decodeFormat().mBitsPerChannel, 16u);
+    EXPECT_EQ(md5Hex(d.pcm), md5Hex(ffmpegS16(path)));
+    // The encoder pads the last block.
+    EXPECT_NEAR(double(d.frames), 22050.0, 1024.0);
+}
