@@ -1,0 +1,406 @@
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "core/KDChannelMixer.h"
+#include "core/UtilityFunctions.h"
+#include "support/TestSupport.h"
+
+using namespace velvox;
+using velvox::test::makeSignal;
+using velvox::test::packLittleEndian;
+
+namespace {
+
+constexpr double kRate = 48000;
+// 1/sqrt(2) as a 32-bit float: the BS.775 -3 dB weight and the stereo-to-mono
+// master gain, written out here rather than taken from the code under test.
+constexpr float kW = 0.70710677f;
+
+AudioStreamBasicDescription intFormat(uint32_t bits, uint32_t channels, double rate = kRate) {
+    AudioStreamBasicDescription f;
+    f.mSampleRate = rate;
+    f.mFormatID = kAudioFormatLinearPCM;
+    f.mFormatFlags = kAudioFormatFlagIsSignedInteger | kAudioFormatFlagIsPacked;
+    f.mBitsPerChannel = bits;
+    f.mChannelsPerFrame = channels;
+    f.mBytesPerFrame = f.mBytesPerPacket = bits / 8 * channels;
+    f.mFramesPerPacket = 1;
+    return f;
+}
+
+AudioStreamBasicDescription floatFormat(uint32_t channels) {
+    AudioStreamBasicDescription f = intFormat(32, channels);
+    f.mFormatFlags = kAudioFormatFlagIsFloat | kAudioFormatFlagIsPacked;
+    return f;
+}
+
+AudioChannelLayout tagLayout(AudioChannelLayoutTag tag) { return *createChannelLayoutWithTag(tag); }
+
+std::vector<int32_t> unpackLittleEndian(const std::vector<uint8_t>& bytes, uint32_t bits) {
+    const uint32_t n = bits / 8;
+    std::vector<int32_t> out(bytes.size() / n);
+    for (size_t s = 0; s < out.size(); ++s) {
+        uint32_t u = 0;
+        for (uint32_t b = 0; b < n; ++b)
+            u |= uint32_t(bytes[s * n + b]) << (8 * b);
+        const int shift = int(32 - bits);
+        out[s] = int32_t(u << shift) >> shift;
+    }
+    return out;
+}
+
+// The mixer works in 32-bit float: a mixed sample is the float nearest to the
+// exact weighted sum, then rounded to the nearest integer (ties to even) and
+// clipped. `exactSum` is in integer sample units; scaling by a power of two
+// does not change float rounding, so this is the same as rounding the
+// normalised value.
+int32_t integerFromSum(double exactSum, uint32_t bits) {
+    const double top = std::ldexp(1.0, int(bits) - 1);
+    const double v = std::nearbyint(double(float(exactSum)));
+    return int32_t(std::clamp(v, -top, top - 1));
+}
+
+// Runs one block through a mixer; the destination buffer is sized exactly.
+std::vector<uint8_t> mixBytes(KDChannelMixer& mixer, std::vector<uint8_t> source, uint32_t frames,
+                              uint32_t destBytesPerFrame, OSStatus* status = nullptr) {
+    std::vector<uint8_t> out(size_t(frames) * destBytesPerFrame, 0xEE);
+    AudioBufferList src = AudioBufferList::single(source.data(), uint32_t(source.size()), 0);
+    AudioBufferList dst = AudioBufferList::single(out.data(), uint32_t(out.size()), 0);
+    const OSStatus s = mixer.mixFrom(&src, &dst, frames);
+    if (status) {
+        *status = s;
+    } else {
+        EXPECT_EQ(s, noErr);
+    }
+    if (s == noErr) {
+        EXPECT_EQ(dst.mBuffers[0].mDataByteSize, out.size());
+    }
+    return out;
+}
+
+std::unique_ptr<KDChannelMixer> makeMixer(uint32_t bits, uint32_t srcChannels,
+                                          AudioChannelLayoutTag srcTag, uint32_t destChannels,
+                                          AudioChannelLayoutTag destTag) {
+    auto mixer = KDChannelMixer::create(intFormat(bits, srcChannels), intFormat(bits, destChannels),
+                                        tagLayout(srcTag), tagLayout(destTag));
+    EXPECT_NE(mixer, nullptr);
+    return mixer;
+}
+
+// A stereo signal with the cases that matter for a -3 dB fold: full scale
+// both ways, opposite extremes, and small values near rounding edges, followed
+// by the shared test signal.
+std::vector<int32_t> stereoSignal(uint32_t bits, uint32_t frames) {
+    const int32_t top = int32_t((1u << (bits - 1)) - 1), bottom = -top - 1;
+    std::vector<int32_t> s{top, top, bottom, bottom, top, bottom, 0, 0, 1,   0,      1,
+                           1,   -1,  -2,     3,      -4,  5,      6, 0, top, bottom, 0};
+    const auto rest = makeSignal(frames - uint32_t(s.size() / 2), 2, bits, 7);
+    s.insert(s.end(), rest.begin(), rest.end());
+    return s;
+}
+
+} // namespace
+
+TEST(KDChannelMixerTest, StereoToMonoIsMinus3dBOfTheSum) {
+    for (uint32_t bits : {16u, 24u}) {
+        SCOPED_TRACE(bits);
+        const uint32_t frames = 6000;
+        const auto in = stereoSignal(bits, frames);
+        auto mixer =
+            makeMixer(bits, 2, kAudioChannelLayoutTag_Stereo, 1, kAudioChannelLayoutTag_Mono);
+        ASSERT_TRUE(mixer);
+        const auto out = unpackLittleEndian(
+            mixBytes(*mixer, packLittleEndian(in, bits), frames, bits / 8), bits);
+        ASSERT_EQ(out.size(), frames);
+        for (uint32_t f = 0; f < frames; ++f) {
+            const double sum = double(in[2 * f]) + double(in[2 * f + 1]);
+            ASSERT_EQ(out[f], integerFromSum(double(kW) * sum, bits)) << "frame " << f;
+        }
+        // Spot checks that do not depend on the model above.
+        EXPECT_EQ(out[0], int32_t((1u << (bits - 1)) - 1)); // clipped at the top
+        EXPECT_EQ(out[1], -int32_t(1u << (bits - 1)));      // clipped at the bottom
+        EXPECT_EQ(out[2], -1);                              // 0.7071 * -1
+        EXPECT_EQ(out[3], 0);
+        EXPECT_EQ(out[4], 1);  // 0.7071 * 1
+        EXPECT_EQ(out[5], 1);  // 0.7071 * 2 = 1.41
+        EXPECT_EQ(out[6], -2); // 0.7071 * -3 = -2.12
+    }
+}
+
+TEST(KDChannelMixerTest, FivePointOneToStereoUsesBS775Weights) {
+    for (uint32_t bits : {16u, 24u}) {
+        SCOPED_TRACE(bits);
+        const uint32_t frames = 5000;
+        // Quarter-scale content, so most samples are not clipped and the
+        // weights show; every channel differs so a swap shows too.
+        auto in = makeSignal(frames, 6, bits, 3);
+        for (auto& v : in)
+            v /= 4;
+        auto mixer =
+            makeMixer(bits, 6, kAudioChannelLayoutTag_MPEG_5_1_A, 2, kAudioChannelLayoutTag_Stereo);
+        ASSERT_TRUE(mixer);
+        const auto out = unpackLittleEndian(
+            mixBytes(*mixer, packLittleEndian(in, bits), frames, 2 * bits / 8), bits);
+        ASSERT_EQ(out.size(), 2 * frames);
+        for (uint32_t f = 0; f < frames; ++f) {
+            const int32_t* x = &in[6 * f]; // L R C LFE Ls Rs
+            const double left = x[0] + double(kW) * x[2] + double(kW) * x[4];
+            const double right = x[1] + double(kW) * x[2] + double(kW) * x[5];
+            ASSERT_EQ(out[2 * f], integerFromSum(left, bits)) << "frame " << f;
+            ASSERT_EQ(out[2 * f + 1], integerFromSum(right, bits)) << "frame " << f;
+        }
+    }
+}
+
+TEST(KDChannelMixerTest, MonoToStereoIsABitExactCopy) {
+    for (uint32_t bits : {16u, 24u}) {
+        SCOPED_TRACE(bits);
+        const uint32_t frames = 9000;
+        auto in = makeSignal(frames, 1, bits, 5);
+        in[0] = int32_t((1u << (bits - 1)) - 1);
+        in[1] = -int32_t(1u << (bits - 1));
+        in[2] = -1;
+        auto mixer =
+            makeMixer(bits, 1, kAudioChannelLayoutTag_Mono, 2, kAudioChannelLayoutTag_Stereo);
+        ASSERT_TRUE(mixer);
+        const auto out = unpackLittleEndian(
+            mixBytes(*mixer, packLittleEndian(in, bits), frames, 2 * bits / 8), bits);
+        ASSERT_EQ(out.size(), 2 * frames);
+        for (uint32_t f = 0; f < frames; ++f) {
+            ASSERT_EQ(out[2 * f], in[f]) << "frame " << f;
+            ASSERT_EQ(out[2 * f + 1], in[f]) << "frame " << f;
+        }
+    }
+}
+
+TEST(KDChannelMixerTest, FivePointOneReorderIsBitExact) {
+    for (uint32_t bits : {16u, 24u}) {
+        SCOPED_TRACE(bits);
+        const uint32_t frames = 7000;
+        const auto in = makeSignal(frames, 6, bits, 11); // L C R Ls Rs LFE
+        auto mixer = makeMixer(bits, 6, kAudioChannelLayoutTag_MPEG_5_1_C, 6,
+                               kAudioChannelLayoutTag_MPEG_5_1_A);
+        ASSERT_TRUE(mixer);
+        const auto out = unpackLittleEndian(
+            mixBytes(*mixer, packLittleEndian(in, bits), frames, 6 * bits / 8), bits);
+        ASSERT_EQ(out.size(), in.size());
+        const int fromSource[6] = {0, 2, 1, 5, 3, 4}; // L R C LFE Ls Rs
+        for (uint32_t f = 0; f < frames; ++f)
+            for (int c = 0; c < 6; ++c)
+                ASSERT_EQ(out[6 * f + c], in[6 * f + fromSource[c]])
+                    << "frame " << f << " channel " << c;
+    }
+}
+
+TEST(KDChannelMixerTest, LongBlockMatchesTheSameSignalInSmallBlocks) {
+    // Several slices plus a partial one in a single call, against blocks that
+    // each fit in one slice.
+    const uint32_t frames = 3 * KDChannelMixer::kMaximumFramesPerSlice + 1234;
+    const uint32_t bits = 24, bytesIn = 6 * 3, bytesOut = 2 * 3;
+    const auto in = packLittleEndian(makeSignal(frames, 6, bits, 13), bits);
+
+    auto whole =
+        makeMixer(bits, 6, kAudioChannelLayoutTag_MPEG_5_1_C, 2, kAudioChannelLayoutTag_Stereo);
+    ASSERT_TRUE(whole);
+    const auto expected = mixBytes(*whole, in, frames, bytesOut);
+
+    auto pieces =
+        makeMixer(bits, 6, kAudioChannelLayoutTag_MPEG_5_1_C, 2, kAudioChannelLayoutTag_Stereo);
+    ASSERT_TRUE(pieces);
+    std::vector<uint8_t> joined;
+    for (uint32_t at = 0; at < frames;) {
+        const uint32_t n = std::min<uint32_t>(997, frames - at);
+        const std::vector<uint8_t> block(in.begin() + long(size_t(at) * bytesIn),
+                                         in.begin() + long(size_t(at + n) * bytesIn));
+        const auto mixed = mixBytes(*pieces, block, n, bytesOut);
+        joined.insert(joined.end(), mixed.begin(), mixed.end());
+        at += n;
+    }
+    ASSERT_EQ(joined.size(), expected.size());
+    EXPECT_TRUE(joined == expected);
+    // And the long block is not just consistently wrong: its last frame's
+    // left channel is L + 0.7071 C + 0.7071 Ls of the last source frame.
+    const auto src = makeSignal(frames, 6, bits, 13);
+    const auto out = unpackLittleEndian(expected, bits);
+    const int32_t* x = &src[6 * size_t(frames - 1)]; // L C R Ls Rs LFE
+    EXPECT_EQ(out[2 * size_t(frames - 1)],
+              integerFromSum(x[0] + double(kW) * x[1] + double(kW) * x[3], bits));
+}
+
+TEST(KDChannelMixerTest, ZeroFramesTouchNothing) {
+    auto mixer = makeMixer(16, 2, kAudioChannelLayoutTag_Stereo, 1, kAudioChannelLayoutTag_Mono);
+    ASSERT_TRUE(mixer);
+    std::vector<uint8_t> source(400, 0x11), out(200, 0xAB);
+    AudioBufferList src = AudioBufferList::single(source.data(), 400, 2);
+    AudioBufferList dst = AudioBufferList::single(out.data(), 200, 1);
+    EXPECT_EQ(mixer->mixFrom(&src, &dst, 0), noErr);
+    EXPECT_EQ(dst.mBuffers[0].mDataByteSize, 200u);
+    EXPECT_EQ(dst.mBuffers[0].mData, out.data());
+    EXPECT_EQ(out, std::vector<uint8_t>(200, 0xAB));
+    EXPECT_EQ(mixer->mixFrom(nullptr, &dst, 0), noErr);
+    EXPECT_EQ(out, std::vector<uint8_t>(200, 0xAB));
+}
+
+TEST(KDChannelMixerTest, SetUpFailsWithoutAMap) {
+    const auto stereo = tagLayout(kAudioChannelLayoutTag_Stereo);
+    const auto unknown = tagLayout(kAudioChannelLayoutTag_Unknown);
+    EXPECT_EQ(KDChannelMixer::create(intFormat(16, 2), intFormat(16, 1), unknown,
+                                     tagLayout(kAudioChannelLayoutTag_Mono)),
+              nullptr);
+    EXPECT_EQ(KDChannelMixer::create(intFormat(16, 6), intFormat(16, 7),
+                                     tagLayout(kAudioChannelLayoutTag_MPEG_5_1_A), unknown),
+              nullptr);
+    // Layouts that disagree with the formats' channel counts.
+    EXPECT_EQ(KDChannelMixer::create(intFormat(16, 3), intFormat(16, 2), stereo, stereo), nullptr);
+    // Swapped counts whose product still matches (3 x 2 = 2 x 3).
+    EXPECT_EQ(KDChannelMixer::create(intFormat(16, 2), intFormat(16, 3),
+                                     tagLayout(kAudioChannelLayoutTag_MPEG_3_0_A), stereo),
+              nullptr);
+    EXPECT_EQ(KDChannelMixer::create(intFormat(16, 2), intFormat(16, 2), stereo,
+                                     tagLayout(kAudioChannelLayoutTag_Mono)),
+              nullptr);
+    // No rate conversion here, and no non-PCM formats.
+    EXPECT_EQ(KDChannelMixer::create(intFormat(16, 2), intFormat(16, 1, 44100), stereo,
+                                     tagLayout(kAudioChannelLayoutTag_Mono)),
+              nullptr);
+    AudioStreamBasicDescription bad = intFormat(16, 2);
+    bad.mFormatID = kAudioFormatMPEG4AAC;
+    EXPECT_EQ(KDChannelMixer::create(bad, intFormat(16, 1), stereo,
+                                     tagLayout(kAudioChannelLayoutTag_Mono)),
+              nullptr);
+    EXPECT_EQ(KDChannelMixer::create(intFormat(16, 0), intFormat(16, 1), stereo,
+                                     tagLayout(kAudioChannelLayoutTag_Mono)),
+              nullptr);
+}
+
+TEST(KDChannelMixerTest, FullScaleDownMixClipsAtTheDestination) {
+    for (uint32_t bits : {16u, 24u}) {
+        SCOPED_TRACE(bits);
+        const int32_t top = int32_t((1u << (bits - 1)) - 1), bottom = -top - 1;
+        const uint32_t frames = 64;
+        std::vector<int32_t> in;
+        for (uint32_t f = 0; f < frames; ++f)
+            for (int c = 0; c < 6; ++c) // all channels at full scale, sign alternating by frame
+                in.push_back(f % 2 ? bottom : top);
+        auto mixer =
+            makeMixer(bits, 6, kAudioChannelLayoutTag_MPEG_5_1_A, 2, kAudioChannelLayoutTag_Stereo);
+        ASSERT_TRUE(mixer);
+        const auto out = unpackLittleEndian(
+            mixBytes(*mixer, packLittleEndian(in, bits), frames, 2 * bits / 8), bits);
+        for (uint32_t f = 0; f < frames; ++f) {
+            EXPECT_EQ(out[2 * f], f % 2 ? bottom : top) << "frame " << f;
+            EXPECT_EQ(out[2 * f + 1], f % 2 ? bottom : top) << "frame " << f;
+        }
+    }
+}
+
+TEST(KDChannelMixerTest, FloatOutputIsNotClipped) {
+    // The mixer itself neither clips nor normalises: 2.41 stays 2.41 when the
+    // destination is float.
+    const uint32_t frames = 10;
+    std::vector<float> in(frames * 6, 1.0f);
+    for (uint32_t f = 0; f < frames; ++f)
+        in[6 * f + 3] = -8.0f; // LFE: left out of the down-mix
+    std::vector<float> out(frames * 2, 0.0f);
+    auto mixer = KDChannelMixer::create(floatFormat(6), floatFormat(2),
+                                        tagLayout(kAudioChannelLayoutTag_MPEG_5_1_A),
+                                        tagLayout(kAudioChannelLayoutTag_Stereo));
+    ASSERT_TRUE(mixer);
+    AudioBufferList src = AudioBufferList::single(in.data(), uint32_t(in.size() * 4), 6);
+    AudioBufferList dst = AudioBufferList::single(out.data(), uint32_t(out.size() * 4), 2);
+    ASSERT_EQ(mixer->mixFrom(&src, &dst, frames), noErr);
+    const float expected = float(1.0 + 2.0 * double(kW));
+    for (float v : out)
+        EXPECT_EQ(v, expected);
+}
+
+TEST(KDChannelMixerTest, AShortSourceFailsAndLeavesNoTrace) {
+    auto mixer = makeMixer(16, 2, kAudioChannelLayoutTag_Stereo, 1, kAudioChannelLayoutTag_Mono);
+    ASSERT_TRUE(mixer);
+    std::vector<uint8_t> shortSource(4 * 99, 0x7F), out(2 * 100, 0xAB);
+    AudioBufferList src = AudioBufferList::single(shortSource.data(), 4 * 99, 2);
+    AudioBufferList dst = AudioBufferList::single(out.data(), 2 * 100, 1);
+    EXPECT_NE(mixer->mixFrom(&src, &dst, 100), noErr);
+    EXPECT_EQ(out, std::vector<uint8_t>(200, 0xAB));
+    // A destination too small for the block is refused too.
+    std::vector<uint8_t> source(4 * 100, 0);
+    AudioBufferList fullSource = AudioBufferList::single(source.data(), 4 * 100, 2);
+    AudioBufferList smallDest = AudioBufferList::single(out.data(), 2 * 99, 1);
+    EXPECT_NE(mixer->mixFrom(&fullSource, &smallDest, 100), noErr);
+
+    // The next good block is mixed on its own, with nothing carried over.
+    const auto in = makeSignal(100, 2, 16, 17);
+    const auto mixed = unpackLittleEndian(mixBytes(*mixer, packLittleEndian(in, 16), 100, 2), 16);
+    for (uint32_t f = 0; f < 100; ++f)
+        ASSERT_EQ(mixed[f], integerFromSum(double(kW) * (double(in[2 * f]) + in[2 * f + 1]), 16));
+}
+
+TEST(KDChannelMixerTest, EveryDecoderLayoutMixesToMonoAndStereo) {
+    using velvox::AudioChannelLabel;
+    const std::vector<std::pair<std::string, AudioChannelLayout>> layouts{
+        {"Mono", tagLayout(kAudioChannelLayoutTag_Mono)},
+        {"Stereo", tagLayout(kAudioChannelLayoutTag_Stereo)},
+        {"MPEG_3_0_A", tagLayout(kAudioChannelLayoutTag_MPEG_3_0_A)},
+        {"Quadraphonic", tagLayout(kAudioChannelLayoutTag_Quadraphonic)},
+        {"MPEG_5_0_A", tagLayout(kAudioChannelLayoutTag_MPEG_5_0_A)},
+        {"MPEG_5_0_C", tagLayout(kAudioChannelLayoutTag_MPEG_5_0_C)},
+        {"MPEG_5_1_A", tagLayout(kAudioChannelLayoutTag_MPEG_5_1_A)},
+        {"MPEG_5_1_C", tagLayout(kAudioChannelLayoutTag_MPEG_5_1_C)},
+        {"DVD_10", tagLayout(kAudioChannelLayoutTag_DVD_10)},
+        {"DVD_11", tagLayout(kAudioChannelLayoutTag_DVD_11)},
+        {"MPEG_6_1_A", tagLayout(kAudioChannelLayoutTag_MPEG_6_1_A)},
+        {"MPEG_7_1_C", tagLayout(kAudioChannelLayoutTag_MPEG_7_1_C)},
+        {"Vorbis7",
+         *createChannelLayoutWithLabels(
+             {kAudioChannelLabel_Left, kAudioChannelLabel_Center, kAudioChannelLabel_Right,
+              kAudioChannelLabel_LeftSurround, kAudioChannelLabel_RightSurround,
+              kAudioChannelLabel_CenterSurround, kAudioChannelLabel_LFEScreen})},
+        {"Vorbis8", *createChannelLayoutWithLabels(
+                        {kAudioChannelLabel_Left, kAudioChannelLabel_Center,
+                         kAudioChannelLabel_Right, kAudioChannelLabel_LeftSurround,
+                         kAudioChannelLabel_RightSurround, kAudioChannelLabel_RearSurroundLeft,
+                         kAudioChannelLabel_RearSurroundRight, kAudioChannelLabel_LFEScreen})},
+    };
+    const uint32_t frames = 500;
+    for (const auto& [name, layout] : layouts) {
+        SCOPED_TRACE(name);
+        const uint32_t n =
+            layout.mChannelLayoutTag == kAudioChannelLayoutTag_UseChannelDescriptions
+                ? layout.mNumberChannelDescriptions
+                : AudioChannelLayoutTag_GetNumberOfChannels(layout.mChannelLayoutTag);
+        // The same signal in every channel, up to full scale.
+        const auto mono = makeSignal(frames, 1, 16, 19);
+        std::vector<int32_t> in;
+        for (int32_t v : mono)
+            in.insert(in.end(), n, v);
+        const auto bytes = packLittleEndian(in, 16);
+
+        auto toMono = KDChannelMixer::create(intFormat(16, n), intFormat(16, 1), layout,
+                                             tagLayout(kAudioChannelLayoutTag_Mono));
+        ASSERT_TRUE(toMono);
+        const auto folded = unpackLittleEndian(mixBytes(*toMono, bytes, frames, 2), 16);
+        auto toStereo = KDChannelMixer::create(intFormat(16, n), intFormat(16, 2), layout,
+                                               tagLayout(kAudioChannelLayoutTag_Stereo));
+        ASSERT_TRUE(toStereo);
+        const auto pair = unpackLittleEndian(mixBytes(*toStereo, bytes, frames, 4), 16);
+
+        for (uint32_t f = 0; f < frames; ++f) {
+            // A correlated signal folds to itself in mono (within rounding),
+            // except two channels, which get BS.775's 0.7071 L + 0.7071 R.
+            const int32_t expectedMono =
+                n == 2 ? integerFromSum(double(kW) * 2 * mono[f], 16) : mono[f];
+            ASSERT_NEAR(folded[f], expectedMono, 1) << "frame " << f;
+            // Both stereo halves get the same, and the signal is there.
+            ASSERT_EQ(pair[2 * f], pair[2 * f + 1]) << "frame " << f;
+            if (std::abs(mono[f]) > 100) {
+                ASSERT_GE(std::abs(pair[2 * f]), std::abs(mono[f])) << "frame " << f;
+            }
+        }
+    }
+}
