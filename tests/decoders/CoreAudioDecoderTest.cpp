@@ -506,3 +506,43 @@ TEST(CoreAudioDecoderTest, FactoryFallsBackToFfmpegForEncodingsItCannotRead) {
     // The encoder pads the last block.
     EXPECT_NEAR(double(d.frames), 22050.0, 1024.0);
 }
+
+TEST(CoreAudioDecoderTest, CutAndCorruptedFilesNeverCrashOrHang) {
+    if (!haveTool("ffmpeg") || !haveTool("sox"))
+        GTEST_SKIP() << "sox and ffmpeg are needed for the fixtures";
+    TempDir dir;
+    const uint32_t frames = 20000;
+    writeWav(dir.file("src.wav"), makeSignal(frames, 2, 16, 13), 2, 44100, 16);
+    const std::pair<const char*, const char*> makes[] = {
+        {"alac.m4a", "-c:a alac -movflags +faststart"},
+        {"aac.m4a", "-c:a aac -movflags +faststart"},
+        {"x.mp2", "-c:a mp2"},
+        {"x.caf", "-c:a pcm_s24le"},
+        {"x.aiff", "-c:a pcm_s16be"},
+    };
+    for (const auto& [name, options] : makes) {
+        const std::string full = dir.file(name);
+        run("ffmpeg -v error -i " + shellQuote(dir.file("src.wav")) + " " + options + " " +
+            shellQuote(full));
+        const auto bytes = readFile(full);
+        for (int variant = 0; variant < 6; ++variant) {
+            SCOPED_TRACE(testing::Message() << name << " variant " << variant);
+            auto damaged = bytes;
+            if (variant < 3) {
+                damaged.resize(bytes.size() * size_t(1 + 4 * variant) / 10);
+            } else {
+                // Overwrite a stretch in the header area or the data.
+                const size_t at = bytes.size() * size_t(variant - 3) / 3;
+                for (size_t i = at; i < std::min(bytes.size(), at + 64); ++i)
+                    damaged[i] = uint8_t(i * 131 + size_t(variant));
+            }
+            const std::string path = dir.file(std::string("bad_") + name);
+            writeFile(path, damaged);
+            if (auto decoder = KDDecoder::decoderWithFilename(path)) {
+                const Decoded d = decodeAll(*decoder);
+                EXPECT_LE(d.frames, frames + 4096u);
+                EXPECT_TRUE(decoder->isEndOfFile());
+            }
+        }
+    }
+}
