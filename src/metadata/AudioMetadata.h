@@ -1,0 +1,208 @@
+#pragma once
+// Everything Velvox knows about one source file besides its audio: the tag
+// fields copied into every output, one picture, read-only facts about the
+// source stream and file (shown to the user and usable in output names), and
+// raw chunks kept for faithful copying.
+//
+// Every field is optional: absent means "not known", which is not the same as
+// an empty string or zero (an empty title written by the user must stay an
+// empty title). Text is copied in; the picture is shared by reference.
+// Integer fields are 64-bit throughout (a file size needs it, and one type
+// spares every reader a conversion); dates are system-clock times.
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "metadata/AlbumArtwork.h"
+
+namespace velvox {
+
+class AudioMetadata {
+public:
+    using Date = std::chrono::system_clock::time_point;
+    // Raw source chunks: chunk identifier (four-character code as text) to the
+    // bytes of every chunk with that identifier, in file order.
+    using UserData = std::map<std::string, std::vector<std::vector<uint8_t>>>;
+
+    // Every field absent.
+    AudioMetadata() = default;
+
+    // Makes every field the user can edit absent; the facts about the source
+    // (the source fields and userData) are kept.
+    void clearAll();
+
+    // The archived form, used to copy metadata from one file to another: every
+    // field round-trips exactly, absent and empty kept apart, picture included.
+    nlohmann::json toJSON() const;
+    // Null when the value is not such an archive (unknown keys are ignored).
+    static std::unique_ptr<AudioMetadata> fromJSON(const nlohmann::json& archive);
+    // For display ("info --json"): the fields that are present, in declaration
+    // order, numbers as numbers; the picture as its facts rather than its bytes.
+    nlohmann::ordered_json toInfoJSON() const;
+
+    std::optional<int64_t> trackNumber() const { return trackNumber_; }
+    void setTrackNumber(std::optional<int64_t> value) { trackNumber_ = std::move(value); }
+
+    std::optional<int64_t> totalTracks() const { return totalTracks_; }
+    void setTotalTracks(std::optional<int64_t> value) { totalTracks_ = std::move(value); }
+
+    const std::optional<std::string>& trackTitle() const { return trackTitle_; }
+    void setTrackTitle(std::optional<std::string> value) { trackTitle_ = std::move(value); }
+
+    const std::optional<std::string>& albumTitle() const { return albumTitle_; }
+    void setAlbumTitle(std::optional<std::string> value) { albumTitle_ = std::move(value); }
+
+    const std::optional<std::string>& trackArtist() const { return trackArtist_; }
+    void setTrackArtist(std::optional<std::string> value) { trackArtist_ = std::move(value); }
+
+    const std::optional<std::string>& albumArtist() const { return albumArtist_; }
+    void setAlbumArtist(std::optional<std::string> value) { albumArtist_ = std::move(value); }
+
+    const std::optional<std::string>& trackComposer() const { return trackComposer_; }
+    void setTrackComposer(std::optional<std::string> value) { trackComposer_ = std::move(value); }
+
+    std::optional<int64_t> trackYear() const { return trackYear_; }
+    void setTrackYear(std::optional<int64_t> value) { trackYear_ = std::move(value); }
+
+    const std::optional<std::string>& trackGenre() const { return trackGenre_; }
+    void setTrackGenre(std::optional<std::string> value) { trackGenre_ = std::move(value); }
+
+    const std::optional<std::string>& trackComment() const { return trackComment_; }
+    void setTrackComment(std::optional<std::string> value) { trackComment_ = std::move(value); }
+
+    const std::shared_ptr<AlbumArtwork>& albumArtwork() const { return albumArtwork_; }
+    void setAlbumArtwork(std::shared_ptr<AlbumArtwork> value) { albumArtwork_ = std::move(value); }
+
+    const std::optional<std::string>& grouping() const { return grouping_; }
+    void setGrouping(std::optional<std::string> value) { grouping_ = std::move(value); }
+
+    std::optional<int64_t> discNumber() const { return discNumber_; }
+    void setDiscNumber(std::optional<int64_t> value) { discNumber_ = std::move(value); }
+
+    std::optional<int64_t> discTotal() const { return discTotal_; }
+    void setDiscTotal(std::optional<int64_t> value) { discTotal_ = std::move(value); }
+
+    const std::optional<std::string>& lyrics() const { return lyrics_; }
+    void setLyrics(std::optional<std::string> value) { lyrics_ = std::move(value); }
+
+    std::optional<int64_t> bpm() const { return bpm_; }
+    void setBpm(std::optional<int64_t> value) { bpm_ = std::move(value); }
+
+    std::optional<bool> partOfACompilation() const { return partOfACompilation_; }
+    void setPartOfACompilation(std::optional<bool> value) {
+        partOfACompilation_ = std::move(value);
+    }
+
+    const std::optional<std::string>& trackCopyright() const { return trackCopyright_; }
+    void setTrackCopyright(std::optional<std::string> value) { trackCopyright_ = std::move(value); }
+
+    const std::optional<std::string>& ISRC() const { return ISRC_; }
+    void setISRC(std::optional<std::string> value) { ISRC_ = std::move(value); }
+
+    const std::optional<std::string>& key() const { return key_; }
+    void setKey(std::optional<std::string> value) { key_ = std::move(value); }
+
+    const std::optional<std::string>& sourceKind() const { return sourceKind_; }
+    void setSourceKind(std::optional<std::string> value) { sourceKind_ = std::move(value); }
+
+    const std::optional<std::string>& sourceFormat() const { return sourceFormat_; }
+    void setSourceFormat(std::optional<std::string> value) { sourceFormat_ = std::move(value); }
+
+    std::optional<double> sourceLength() const { return sourceLength_; }
+    void setSourceLength(std::optional<double> value) { sourceLength_ = std::move(value); }
+
+    std::optional<int64_t> sourceFileSize() const { return sourceFileSize_; }
+    void setSourceFileSize(std::optional<int64_t> value) { sourceFileSize_ = std::move(value); }
+
+    std::optional<int64_t> sourceSampleSize() const { return sourceSampleSize_; }
+    void setSourceSampleSize(std::optional<int64_t> value) { sourceSampleSize_ = std::move(value); }
+
+    std::optional<int64_t> sourceSampleRate() const { return sourceSampleRate_; }
+    void setSourceSampleRate(std::optional<int64_t> value) { sourceSampleRate_ = std::move(value); }
+
+    std::optional<int64_t> sourceBitrate() const { return sourceBitrate_; }
+    void setSourceBitrate(std::optional<int64_t> value) { sourceBitrate_ = std::move(value); }
+
+    const std::optional<std::string>& sourceBitrateMode() const { return sourceBitrateMode_; }
+    void setSourceBitrateMode(std::optional<std::string> value) {
+        sourceBitrateMode_ = std::move(value);
+    }
+
+    std::optional<int64_t> sourceChannels() const { return sourceChannels_; }
+    void setSourceChannels(std::optional<int64_t> value) { sourceChannels_ = std::move(value); }
+
+    const std::optional<std::string>& sourceChannelMode() const { return sourceChannelMode_; }
+    void setSourceChannelMode(std::optional<std::string> value) {
+        sourceChannelMode_ = std::move(value);
+    }
+
+    const std::optional<std::string>& sourceTagFormat() const { return sourceTagFormat_; }
+    void setSourceTagFormat(std::optional<std::string> value) {
+        sourceTagFormat_ = std::move(value);
+    }
+
+    const std::optional<std::string>& sourceEncodedWith() const { return sourceEncodedWith_; }
+    void setSourceEncodedWith(std::optional<std::string> value) {
+        sourceEncodedWith_ = std::move(value);
+    }
+
+    std::optional<Date> sourceDateModified() const { return sourceDateModified_; }
+    void setSourceDateModified(std::optional<Date> value) {
+        sourceDateModified_ = std::move(value);
+    }
+
+    const std::optional<std::string>& sourceLocation() const { return sourceLocation_; }
+    void setSourceLocation(std::optional<std::string> value) { sourceLocation_ = std::move(value); }
+
+    const std::optional<UserData>& userData() const { return userData_; }
+    void setUserData(std::optional<UserData> value) { userData_ = std::move(value); }
+
+private:
+    template <typename Self, typename Visitor>
+    static void visitFields(Self& self, Visitor&& visit);
+
+    std::optional<int64_t> trackNumber_;
+    std::optional<int64_t> totalTracks_;
+    std::optional<std::string> trackTitle_;
+    std::optional<std::string> albumTitle_;
+    std::optional<std::string> trackArtist_;
+    std::optional<std::string> albumArtist_;
+    std::optional<std::string> trackComposer_;
+    std::optional<int64_t> trackYear_;
+    std::optional<std::string> trackGenre_;
+    std::optional<std::string> trackComment_;
+    std::shared_ptr<AlbumArtwork> albumArtwork_;
+    std::optional<std::string> grouping_;
+    std::optional<int64_t> discNumber_;
+    std::optional<int64_t> discTotal_;
+    std::optional<std::string> lyrics_;
+    std::optional<int64_t> bpm_;
+    std::optional<bool> partOfACompilation_;
+    std::optional<std::string> trackCopyright_;
+    std::optional<std::string> ISRC_;
+    std::optional<std::string> key_;
+    std::optional<std::string> sourceKind_;
+    std::optional<std::string> sourceFormat_;
+    std::optional<double> sourceLength_;
+    std::optional<int64_t> sourceFileSize_;
+    std::optional<int64_t> sourceSampleSize_;
+    std::optional<int64_t> sourceSampleRate_;
+    std::optional<int64_t> sourceBitrate_;
+    std::optional<std::string> sourceBitrateMode_;
+    std::optional<int64_t> sourceChannels_;
+    std::optional<std::string> sourceChannelMode_;
+    std::optional<std::string> sourceTagFormat_;
+    std::optional<std::string> sourceEncodedWith_;
+    std::optional<Date> sourceDateModified_;
+    std::optional<std::string> sourceLocation_;
+    std::optional<UserData> userData_;
+};
+
+} // namespace velvox
