@@ -92,8 +92,9 @@ void writeSample(uint8_t* p, double v, const SampleLayout& l) {
     const uint32_t n = l.bytesPerSample;
     const double scale = double(1ull << (8 * n - 1));
     const double maxValue = scale - 1.0;
-    double scaled = std::nearbyint(v * scale);
-    if (!(scaled >= -scale)) // also catches NaN
+    // NaN is silence, not full negative scale.
+    double scaled = std::isnan(v) ? 0.0 : std::nearbyint(v * scale);
+    if (scaled < -scale)
         scaled = -scale;
     if (scaled > maxValue)
         scaled = maxValue;

@@ -119,7 +119,7 @@ TEST(AudioConverter, FloatToIntegerClipsOutOfRangeValues) {
     Feeder feeder{bytes, 4, 3};
     auto c = AudioConverter::create(floatFormat(1, false), intFormat(16, 1));
     const auto out = unpack(convertAll(*c, feeder, 2), 16);
-    const std::vector<int32_t> expected = {0, 16384, -16384, 32767, 32767, -32768, -32768, -32768};
+    const std::vector<int32_t> expected = {0, 16384, -16384, 32767, 32767, -32768, -32768, 0};
     EXPECT_EQ(out, expected);
 }
 
