@@ -12,6 +12,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -21,6 +22,27 @@
 #include <nlohmann/json.hpp>
 
 #include "metadata/AlbumArtwork.h"
+
+namespace TagLib {
+namespace ID3v1 {
+class Tag;
+}
+namespace ID3v2 {
+class Tag;
+}
+namespace APE {
+class Tag;
+}
+namespace Ogg {
+class XiphComment;
+}
+namespace MP4 {
+class Tag;
+}
+namespace ASF {
+class Tag;
+}
+} // namespace TagLib
 
 namespace velvox {
 
@@ -47,6 +69,73 @@ public:
     // order, numbers as numbers; the picture as its facts rather than its bytes.
     nlohmann::ordered_json toInfoJSON() const;
 
+    // ---- Reading a file (AudioMetadataReading.cpp) ----
+    // The record for a file, chosen by its extension; never null: a file that
+    // cannot be read yields a record with few or no fields.
+    static std::unique_ptr<AudioMetadata> metadataFromFile(const std::string& path);
+    static std::unique_ptr<AudioMetadata> metadataFromFLACFile(const std::string& path);
+    static std::unique_ptr<AudioMetadata> metadataFromOggFLACFile(const std::string& path);
+    static std::unique_ptr<AudioMetadata> metadataFromOggVorbisFile(const std::string& path);
+    static std::unique_ptr<AudioMetadata> metadataFromOggSpeexFile(const std::string& path);
+    static std::unique_ptr<AudioMetadata> metadataFromOpusFile(const std::string& path);
+    static std::unique_ptr<AudioMetadata> metadataFromWMAFile(const std::string& path);
+    static std::unique_ptr<AudioMetadata> metadataFromFFMPEGFile(const std::string& path);
+    static std::unique_ptr<AudioMetadata> metadataFromMP3File(const std::string& path);
+    static std::unique_ptr<AudioMetadata> metadataFromMP4File(const std::string& path);
+    static std::unique_ptr<AudioMetadata> metadataFromAIFFFile(const std::string& path);
+    static std::unique_ptr<AudioMetadata> metadataFromWAVEFile(const std::string& path);
+    static std::unique_ptr<AudioMetadata> metadataFromMonkeysAudioFile(const std::string& path);
+    static std::unique_ptr<AudioMetadata> metadataFromTrueAudioFile(const std::string& path);
+    static std::unique_ptr<AudioMetadata> metadataFromDSDFile(const std::string& path);
+    static std::unique_ptr<AudioMetadata> metadataFromWavPackFile(const std::string& path);
+    static std::unique_ptr<AudioMetadata> metadataFromMusepackFile(const std::string& path);
+    static std::unique_ptr<AudioMetadata> metadataFromShortenFile(const std::string& path);
+    static std::unique_ptr<AudioMetadata> metadataFromModFile(const std::string& path);
+    // Stream facts and raw chunks of the formats the desktop audio file
+    // service reads (libsndfile / libav on Linux), added to a record.
+    static void getCoreAudioInfoFromFile(const std::string& path, AudioMetadata& metadata);
+    // Tag fields of those formats (info strings, Apple Loops, MIDI chunks).
+    static void getCoreAudioMetadataFromFile(const std::string& path, AudioMetadata& metadata);
+    // A picture file beside the source whose name matches the pattern's last
+    // component (shell wildcards, ignoring case and diacritics).
+    static void readAlbumArtworkFromFilename(const std::string& patternPath,
+                                             AudioMetadata& metadata);
+
+    // The picture-file name preference is a naming template. Its expansion
+    // belongs to the output-naming code, which sits above this subsystem and
+    // installs itself here; without it the pattern is used as written.
+    using FilenamePatternExpander = std::function<std::string(
+        const std::string& pattern, const AudioMetadata& metadata, const std::string& path)>;
+    static void setFilenamePatternExpander(FilenamePatternExpander expander);
+
+    // ---- Tags into the record (AudioMetadataTagMapping.cpp) ----
+    // Every mapping but the Xiph one fills only fields that are still absent,
+    // so the order of the calls is the precedence between tags.
+    static void addInfoFromVorbisTag(const TagLib::Ogg::XiphComment* tag, AudioMetadata& metadata);
+    static void addInfoFromID3v2Tag(const TagLib::ID3v2::Tag* tag, AudioMetadata& metadata);
+    static void addInfoFromID3v1Tag(const TagLib::ID3v1::Tag* tag, AudioMetadata& metadata);
+    static void addInfoFromAPETag(const TagLib::APE::Tag* tag, AudioMetadata& metadata);
+    static void addInfoFromMP4Tag(const TagLib::MP4::Tag* tag, AudioMetadata& metadata);
+    static void addInfoFromASFTag(const TagLib::ASF::Tag* tag, AudioMetadata& metadata);
+
+    // ---- The record into tags (AudioMetadataTagWriting.cpp) ----
+    // Each removes every entry it owns under every name the reading side
+    // accepts, then writes the present fields under one name each.
+    void fillOutXiphComment(TagLib::Ogg::XiphComment* tag,
+                            const std::optional<std::string>& encodedBy,
+                            const std::optional<std::string>& comment, bool writeArtwork) const;
+    void fillOutID3v2Tag(TagLib::ID3v2::Tag* tag, int majorVersion, int taglibTextEncoding,
+                         const std::optional<std::string>& encodedBy,
+                         const std::optional<std::string>& comment) const;
+    void fillOutID3v1Tag(TagLib::ID3v1::Tag* tag, const std::optional<std::string>& comment) const;
+    void fillOutAPETag(TagLib::APE::Tag* tag, const std::optional<std::string>& encodedBy,
+                       const std::optional<std::string>& comment) const;
+    void fillOutMP4Tag(TagLib::MP4::Tag* tag, const std::optional<std::string>& encodedBy,
+                       const std::optional<std::string>& comment) const;
+    void fillOutASFTag(TagLib::ASF::Tag* tag, const std::optional<std::string>& encodedBy,
+                       const std::optional<std::string>& comment) const;
+
+    // ---- Fields ----
     std::optional<int64_t> trackNumber() const { return trackNumber_; }
     void setTrackNumber(std::optional<int64_t> value) { trackNumber_ = std::move(value); }
 
