@@ -1,0 +1,114 @@
+#include "platform/MainRunLoop.h"
+
+#include <exception>
+#include <future>
+
+namespace velvox {
+
+MainRunLoop& MainRunLoop::shared() {
+    static MainRunLoop loop;
+    return loop;
+}
+
+bool MainRunLoop::isMainThread() const {
+    std::lock_guard lock(mutex_);
+    return mainThread_ && *mainThread_ == std::this_thread::get_id();
+}
+
+void MainRunLoop::perform(Task task, bool waitUntilDone) {
+    if (!waitUntilDone) {
+        {
+            std::lock_guard lock(mutex_);
+            tasks_.push_back(std::move(task));
+        }
+        changed_.notify_all();
+        return;
+    }
+    if (isMainThread()) {
+        task();
+        return;
+    }
+    auto done = std::make_shared<std::promise<void>>();
+    std::future<void> finished = done->get_future();
+    {
+        std::lock_guard lock(mutex_);
+        tasks_.push_back([task = std::move(task), done] {
+            try {
+                task();
+                done->set_value();
+            } catch (...) {
+                done->set_exception(std::current_exception());
+            }
+        });
+    }
+    changed_.notify_all();
+    finished.get();
+}
+
+bool MainRunLoop::runOne(std::unique_lock<std::mutex>& lock) {
+    if (tasks_.empty())
+        return false;
+    Task task = std::move(tasks_.front());
+    tasks_.pop_front();
+    lock.unlock();
+    task();
+    lock.lock();
+    return true;
+}
+
+void MainRunLoop::run() {
+    std::unique_lock lock(mutex_);
+    mainThread_ = std::this_thread::get_id();
+    stopRequested_ = false;
+    while (!stopRequested_) {
+        if (!runOne(lock))
+            changed_.wait(lock, [this] { return stopRequested_ || !tasks_.empty(); });
+    }
+    stopRequested_ = false;
+}
+
+bool MainRunLoop::runUntil(const std::function<bool()>& done,
+                           std::optional<std::chrono::milliseconds> timeout) {
+    const bool hasDeadline = timeout.has_value();
+    const auto deadline =
+        std::chrono::steady_clock::now() + timeout.value_or(std::chrono::milliseconds(0));
+    std::unique_lock lock(mutex_);
+    mainThread_ = std::this_thread::get_id();
+    for (;;) {
+        lock.unlock();
+        const bool finished = done();
+        lock.lock();
+        if (finished)
+            return true;
+        if (runOne(lock))
+            continue;
+        const uint64_t seen = wakeups_;
+        auto ready = [&] { return !tasks_.empty() || wakeups_ != seen; };
+        if (hasDeadline) {
+            if (!changed_.wait_until(lock, deadline, ready)) {
+                lock.unlock();
+                return done();
+            }
+        } else {
+            changed_.wait(lock, ready);
+        }
+    }
+}
+
+void MainRunLoop::stop() {
+    {
+        std::lock_guard lock(mutex_);
+        stopRequested_ = true;
+    }
+    changed_.notify_all();
+}
+
+void MainRunLoop::wake() {
+    {
+        std::lock_guard lock(mutex_);
+        ++wakeups_;
+    }
+    changed_.notify_all();
+}
+
+} // namespace velvox

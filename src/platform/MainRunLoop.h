@@ -1,0 +1,59 @@
+#pragma once
+// The program's main run loop: a queue of tasks drained by the one thread
+// that owns the controller's state, the lists, the counters and every question
+// to the user. Other threads hand work to it with perform().
+//
+// The thread that calls run() (or runUntil()) is the main thread from then on.
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <thread>
+
+namespace velvox {
+
+class MainRunLoop {
+public:
+    using Task = std::function<void()>;
+
+    static MainRunLoop& shared();
+
+    // Queues a task for the main thread. With waitUntilDone the caller blocks
+    // until it has run (and receives any exception it threw); called on the
+    // main thread itself, a waiting perform runs the task at once.
+    void perform(Task task, bool waitUntilDone);
+
+    // Runs tasks until stop() is called.
+    void run();
+    // Runs tasks until `done` returns true (checked after every task and when
+    // woken) or the timeout passes; returns whether `done` became true.
+    bool runUntil(const std::function<bool()>& done,
+                  std::optional<std::chrono::milliseconds> timeout = std::nullopt);
+    // Makes run() return after the task in hand; safe from any thread.
+    void stop();
+    // Wakes runUntil() so that it checks its condition again.
+    void wake();
+
+    bool isMainThread() const;
+
+private:
+    MainRunLoop() = default;
+    bool runOne(std::unique_lock<std::mutex>& lock);
+
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;
+    std::deque<Task> tasks_;
+    std::optional<std::thread::id> mainThread_;
+    bool stopRequested_ = false;
+    uint64_t wakeups_ = 0;
+};
+
+// Shorthand used throughout the jobs code.
+inline void performOnMainThread(MainRunLoop::Task task, bool waitUntilDone) {
+    MainRunLoop::shared().perform(std::move(task), waitUntilDone);
+}
+
+} // namespace velvox
