@@ -1,0 +1,52 @@
+#pragma once
+// How an output format is written on the command line:
+//
+//     TYPE[:key=value[,key=value]...]
+//
+// for example "flac:level=8", "mp3:method=cbr,bitrate=320",
+// "coreaudio:fileType=WAVE,bits=24" or "opus:bitrate=96k".
+//
+// TYPE names the encoder (mp3, coreaudio, flac, oggflac, vorbis, sndfile, ape,
+// tta, speex, opus). A key is either one of the keys under which the settings
+// are stored ("bitrate", "flacCompressionLevel", "method", ...), which sets that
+// field whatever the type, or a short alias where one is obvious ("level",
+// "rate", "bits", "channels", "ext", ...), which is accepted only by the types
+// it makes sense for. Keys and types are matched without regard to case.
+// Every key left out takes a value that makes a good file of that type, so
+// "flac" alone is a complete format.
+//
+// Values are checked against what the encoder of the type can take: a value
+// it would refuse or silently misread is a usage error here, before a batch
+// starts, rather than a failed encode later.
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace velvox {
+
+class EncoderSettings;
+
+class OutputFormatSpec {
+public:
+    // A SPEC that cannot be understood; what() names the part at fault
+    // ("unknown output type 'mp4'", "unknown key 'lvl' in 'flac:lvl=5'",
+    // "bad value 'x' for 'level'").
+    class UsageError : public std::invalid_argument {
+    public:
+        using std::invalid_argument::invalid_argument;
+    };
+
+    // The settings the SPEC describes, enabled, with the defaults of its type
+    // for every key it leaves out. Throws UsageError.
+    static std::unique_ptr<EncoderSettings> parse(const std::string& text);
+
+    // The TYPE words, in encoder-type order (0 to 9).
+    static const std::vector<std::string>& typeNames();
+
+    // A few lines for --help texts: the syntax, the types and the aliases.
+    static std::string syntaxHelp();
+};
+
+} // namespace velvox

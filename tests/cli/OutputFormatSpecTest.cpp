@@ -1,0 +1,241 @@
+// The command line's output-format SPEC: every type alone, the keys and their
+// aliases, and SPECs that must be refused with the bad part named.
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "cli/OutputFormatSpec.h"
+#include "jobs/EncoderSettings.h"
+#include "platform/CoreAudioTypes.h"
+
+using namespace velvox;
+
+namespace {
+
+std::unique_ptr<EncoderSettings> parse(const std::string& spec) {
+    return OutputFormatSpec::parse(spec);
+}
+
+// The message of the UsageError that parsing `spec` raises, or a note that
+// none was raised.
+std::string refusal(const std::string& spec) {
+    try {
+        OutputFormatSpec::parse(spec);
+    } catch (const OutputFormatSpec::UsageError& e) {
+        return e.what();
+    }
+    return "(accepted)";
+}
+
+} // namespace
+
+TEST(OutputFormatSpec, EveryTypeAloneIsACompleteFormatThatSurvivesStoring) {
+    struct Case {
+        std::string spec;
+        EncoderType type;
+        std::string extension;
+        std::string description;
+    };
+    const std::vector<Case> cases = {
+        {"mp3", EncoderTypeMP3, "mp3", "MP3 - VBR Quality 8"},
+        {"coreaudio", EncoderTypeCoreAudio, "m4a", "AAC - 256.00 kbps"},
+        {"flac", EncoderTypeFLAC, "flac", "FLAC - Compression Level 5"},
+        {"oggflac", EncoderTypeOggFLAC, "oga", "Ogg FLAC - Compression Level 5"},
+        {"vorbis", EncoderTypeOggVorbis, "ogg", "Ogg Vorbis - VBR Quality 5"},
+        {"sndfile", EncoderTypeSndFile, "sd2", "Sound Designer II - LPCM"},
+        {"ape", EncoderTypeMonkeysAudio, "ape", "Monkeys Audio - Compression Level Normal"},
+        {"tta", EncoderTypeTrueAudio, "tta", "True Audio - TTA"},
+        {"speex", EncoderTypeOggSpeex, "spx", "Ogg Speex - VBR Quality 8"},
+        {"opus", EncoderTypeOpus, "opus", "Opus - 128 kbps VBR"},
+    };
+    ASSERT_EQ(OutputFormatSpec::typeNames().size(), cases.size());
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.spec);
+        const auto s = parse(c.spec);
+        EXPECT_EQ(OutputFormatSpec::typeNames()[c.type], c.spec);
+        EXPECT_EQ(s->encoderType(), c.type);
+        EXPECT_TRUE(s->enabled());
+        EXPECT_EQ(s->encoderAction(), EncoderActionEncode);
+        EXPECT_EQ(s->extension(), c.extension);
+        EXPECT_EQ(s->completeDescription(), c.description);
+        // Same output as the format read back from the preferences.
+        const auto stored = EncoderSettings::settingsWithDictionary(s->settingsDictionary());
+        EXPECT_TRUE(stored->isDuplicateOf(*s));
+        EXPECT_EQ(stored->completeDescription(), c.description);
+        // Types are matched without regard to case.
+        std::string upper = c.spec;
+        for (char& ch : upper)
+            ch = char(std::toupper(static_cast<unsigned char>(ch)));
+        EXPECT_EQ(parse(upper)->completeDescription(), c.description);
+    }
+
+    // Values each encoder reads, as they must be for it to accept them.
+    const auto mp3 = parse("mp3");
+    EXPECT_EQ(mp3->bitrateMethod(), BitrateMethodVBR);
+    EXPECT_EQ(mp3->vbrQuality(), 8); // LAME -V 2
+    EXPECT_EQ(mp3->bitrate(), 192);  // kbit/s
+    EXPECT_EQ(parse("flac")->flacCompressionLevel(), 5u);
+    EXPECT_EQ(parse("sndfile")->fileType(), 0x160000u);
+    EXPECT_EQ(parse("ape")->macCompressionLevel(), 2000);
+    const auto speex = parse("speex");
+    EXPECT_EQ(speex->framesPerPacket(), 1u);
+    EXPECT_EQ(speex->quality(), 3);
+    const auto opus = parse("opus");
+    EXPECT_EQ(opus->bitrate(), 128000);
+    EXPECT_EQ(opus->framesPerPacket(), 960u);
+    const auto aac = parse("coreaudio");
+    EXPECT_EQ(aac->fileType(), fourCharCode("m4af"));
+    EXPECT_EQ(aac->formatID(), kAudioFormatMPEG4AAC);
+}
+
+TEST(OutputFormatSpec, StoredKeysAndAliasesSetTheSameFields) {
+    // Alias, stored key and case variants agree.
+    for (const char* spec : {"flac:level=8", "flac:flacCompressionLevel=8", "FLAC:LEVEL=8",
+                             "flac:FlacCompressionLevel=8"}) {
+        SCOPED_TRACE(spec);
+        EXPECT_EQ(parse(spec)->flacCompressionLevel(), 8u);
+    }
+    EXPECT_EQ(parse("oggflac:level=0")->completeDescription(), "Ogg FLAC - Compression Level 0");
+    EXPECT_EQ(parse("flac:level=uncompressed")->completeDescription(), "FLAC - Uncompressed");
+    EXPECT_TRUE(parse("flac:verify=yes")->flacVerifyEncoding());
+    EXPECT_FALSE(parse("flac:flacVerifyEncoding=false")->flacVerifyEncoding());
+
+    // "level" means the Monkey's Audio level for ape.
+    EXPECT_EQ(parse("ape:level=insane")->macCompressionLevel(), 5000);
+    EXPECT_EQ(parse("ape:level=1")->macCompressionLevel(), 1000);
+    EXPECT_EQ(parse("ape:level=3000")->macCompressionLevel(), 3000);
+    EXPECT_EQ(parse("ape:macCompressionLevel=extrahigh")->completeDescription(),
+              "Monkeys Audio - Compression Level Extra High");
+
+    // Rates, sizes, channels, extension.
+    const auto f = parse("flac:rate=44.1k,bits=24,channels=mono,ext=.fla");
+    EXPECT_EQ(f->sampleRate(), 44100);
+    EXPECT_EQ(f->bitDepth(), 24u);
+    EXPECT_EQ(f->channelMode(), 3);
+    EXPECT_EQ(f->extension(), "fla");
+    EXPECT_EQ(parse("flac:sampleRate=96000")->sampleRate(), 96000);
+    EXPECT_EQ(parse("flac:rate=48kHz")->sampleRate(), 48000);
+    EXPECT_EQ(parse("flac:rate=same")->sampleRate(), 0);
+    EXPECT_EQ(parse("flac:bitDepth=same")->bitDepth(), 0u);
+    // "channels" counts channels; "mode" numbers are the stored modes.
+    EXPECT_EQ(parse("flac:channels=1")->channelMode(), 3);
+    EXPECT_EQ(parse("flac:channels=2")->channelMode(), 1);
+    EXPECT_EQ(parse("flac:channels=stereo")->channelMode(), 1);
+    EXPECT_EQ(parse("flac:channels=same")->channelMode(), 0);
+    EXPECT_EQ(parse("mp3:mode=2")->channelMode(), 2);
+    EXPECT_EQ(parse("mp3:channels=joint")->channelMode(), 2);
+    EXPECT_EQ(parse("mp3:mode=mono")->channelMode(), 3);
+
+    // Methods by name or number; a bit rate on its own selects a method that
+    // uses it.
+    EXPECT_EQ(parse("mp3:method=cbr,bitrate=320")->completeDescription(), "MP3 - 320.00 kbps CBR");
+    EXPECT_EQ(parse("mp3:bitrate=256")->completeDescription(), "MP3 - 256.00 kbps CBR");
+    EXPECT_EQ(parse("mp3:method=abr,bitrate=192k")->completeDescription(), "MP3 - 192.00 kbps ABR");
+    EXPECT_EQ(parse("mp3:method=2,vbrQuality=10")->completeDescription(), "MP3 - VBR Quality 10");
+    EXPECT_EQ(parse("mp3:bitrate=128,method=vbr")->bitrateMethod(), BitrateMethodVBR);
+    EXPECT_EQ(parse("vorbis:bitrate=192k")->completeDescription(), "Ogg Vorbis - 192 kbps ABR");
+    EXPECT_EQ(parse("vorbis:method=cbr,bitrate=128000")->completeDescription(),
+              "Ogg Vorbis - 128 kbps CBR");
+    EXPECT_EQ(parse("vorbis:vbrQuality=-1")->vbrQuality(), -1);
+    EXPECT_EQ(parse("opus:method=cvbr,bitrate=96k")->completeDescription(),
+              "Opus - 96 kbps VBR Constrained");
+    EXPECT_EQ(parse("opus:method=cbr,complexity=5,frames=480")->quality(), 5);
+    EXPECT_EQ(parse("speex:bitrate=16000")->completeDescription(), "Ogg Speex - 16 kbps CBR");
+
+    const auto sp = parse("speex:denoise=yes,agc=on,vad=1,dtx=true,frames=4,complexity=5");
+    EXPECT_TRUE(sp->speexDenoise());
+    EXPECT_TRUE(sp->speexAdaptiveGainControl());
+    EXPECT_TRUE(sp->speexVoiceActivityDetection());
+    EXPECT_TRUE(sp->speexDiscontinuousTransmission());
+    EXPECT_EQ(sp->framesPerPacket(), 4u);
+    EXPECT_EQ(sp->quality(), 5);
+
+    EXPECT_FALSE(parse("flac:enabled=no")->enabled());
+    EXPECT_EQ(parse("flac:action=update")->encoderAction(), EncoderActionUpdateMetadata);
+    EXPECT_EQ(parse("sndfile:bits=24")->completeDescription(),
+              "Sound Designer II - LPCM - 24 bit BE");
+}
+
+TEST(OutputFormatSpec, CoreAudioContainerCodecAndExtensionFollowFromEachOther) {
+    const auto wav = parse("coreaudio:fileType=WAVE,bits=16,rate=44100");
+    EXPECT_EQ(wav->fileType(), fourCharCode("WAVE"));
+    EXPECT_EQ(wav->formatID(), kAudioFormatLinearPCM);
+    EXPECT_EQ(wav->formatFlags(), kAudioFormatFlagIsSignedInteger | kAudioFormatFlagIsPacked);
+    EXPECT_EQ(wav->extension(), "wav");
+    EXPECT_EQ(wav->completeDescription(), "WAV - LPCM - 44.1kHz 16 bit LE");
+
+    const auto aiff = parse("coreaudio:container='AIFF',bits=24");
+    EXPECT_EQ(aiff->extension(), "aiff");
+    EXPECT_EQ(aiff->completeDescription(), "AIFF - LPCM - 24 bit BE");
+
+    const auto alac = parse("coreaudio:formatID=alac");
+    EXPECT_EQ(alac->fileType(), fourCharCode("m4af"));
+    EXPECT_EQ(alac->extension(), "m4a");
+    EXPECT_EQ(alac->completeDescription(), "Apple Lossless - m4a");
+
+    // Three-letter codes are padded with a blank; numbers are codes too.
+    EXPECT_EQ(parse("coreaudio:codec=aac,container=caff")->formatID(), kAudioFormatMPEG4AAC);
+    EXPECT_EQ(parse("coreaudio:fileType=0x57415645")->fileType(), fourCharCode("WAVE"));
+    EXPECT_EQ(parse("coreaudio:fileType=caff,formatID=lpcm,formatFlags=0xC")->formatFlags(), 0xCu);
+    EXPECT_EQ(parse("coreaudio:fileType=XXXX,formatID=lpcm,ext=raw")->extension(), "raw");
+
+    EXPECT_NE(refusal("coreaudio:fileType=XXXX").find("no default codec for file type 'XXXX'"),
+              std::string::npos);
+    EXPECT_NE(refusal("coreaudio:fileType=XXXX,formatID=lpcm")
+                  .find("no default extension for file type 'XXXX'"),
+              std::string::npos);
+}
+
+TEST(OutputFormatSpec, BadSpecsNameTheBadPart) {
+    struct Case {
+        std::string spec;
+        std::string message;
+    };
+    const std::vector<Case> cases = {
+        {"mp4", "unknown output type 'mp4'"},
+        {"mp4:level=5", "unknown output type 'mp4'"},
+        {"", "missing output type in ''"},
+        {":level=5", "missing output type"},
+        {"flac:lvl=5", "unknown key 'lvl' in 'flac:lvl=5'"},
+        {"mp3:level=5", "unknown key 'level' in 'mp3:level=5'"},
+        {"flac:denoise=yes", "unknown key 'denoise'"},
+        {"flac:encoderType=4", "unknown key 'encoderType'"},
+        {"flac:level=x", "bad value 'x' for 'level'"},
+        {"flac:level=9", "bad value '9' for 'level'"},
+        {"flac:level=", "bad value '' for 'level'"},
+        {"flac:level", "expected key=value, not 'level'"},
+        {"flac:=5", "expected key=value, not '=5'"},
+        {"flac:", "empty setting in 'flac:'"},
+        {"flac:level=5,,ext=fla", "empty setting"},
+        {"flac:level=5,flacCompressionLevel=6", "'flacCompressionLevel' sets the same value as "
+                                                "'level'"},
+        {"flac:ext=a/b", "bad value 'a/b' for 'ext'"},
+        {"flac:ext=", "bad value '' for 'ext'"},
+        {"flac:rate=44.1005k", "bad value '44.1005k' for 'rate'"},
+        {"flac:rate=-44100", "bad value '-44100' for 'rate'"},
+        {"flac:bits=12", "bad value '12' for 'bits'"},
+        {"flac:channels=5", "bad value '5' for 'channels'"},
+        {"flac:mode=4", "bad value '4' for 'mode'"},
+        {"flac:enabled=maybe", "bad value 'maybe' for 'enabled'"},
+        {"tta:bits=32", "bad value '32' for 'bits'"},
+        {"ape:level=6", "bad value '6' for 'level'"},
+        {"mp3:bitrate=500", "bad value '500' for 'bitrate'"},
+        {"mp3:quality=11", "bad value '11' for 'quality'"},
+        {"opus:bitrate=128", "bad value '128' for 'bitrate'"},
+        {"opus:method=abr", "bad value 'abr' for 'method'"},
+        {"opus:frames=100", "bad value '100' for 'frames'"},
+        {"vorbis:method=cvbr", "bad value 'cvbr' for 'method'"},
+        {"vorbis:method=fast", "bad value 'fast' for 'method'"},
+        {"vorbis:vbrQuality=11", "bad value '11' for 'vbrQuality'"},
+        {"speex:frames=0", "bad value '0' for 'frames'"},
+        {"coreaudio:fileType=TOOLONG", "bad value 'TOOLONG' for 'fileType'"},
+        {"coreaudio:formatFlags=big", "bad value 'big' for 'formatFlags'"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.spec);
+        const std::string message = refusal(c.spec);
+        EXPECT_NE(message.find(c.message), std::string::npos) << message;
+    }
+}
