@@ -1,0 +1,187 @@
+// `velvox formats` run as a user runs it, with the preferences in a folder of
+// the test's own so that what one run saves is what the next run reads.
+
+#include <string>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "support/TestSupport.h"
+
+using namespace velvox::test;
+
+namespace {
+
+struct Outcome {
+    int exitCode = -1;
+    std::string out;
+    std::string err;
+};
+
+class Velvox {
+public:
+    Outcome operator()(const std::string& args) const {
+        const std::string errPath = dir_.file("stderr.txt");
+        const auto r = runCommand("XDG_CONFIG_HOME=" + shellQuote(dir_.file("config")) +
+                                  " XDG_DATA_HOME=" + shellQuote(dir_.file("data")) + " " +
+                                  VELVOX_BINARY + " " + args + " 2>" + shellQuote(errPath));
+        const auto err = readFile(errPath);
+        return {r.exitCode, r.output, std::string(err.begin(), err.end())};
+    }
+    nlohmann::json list(const std::string& extra = "") const {
+        const Outcome r = (*this)("formats --json " + extra);
+        EXPECT_EQ(r.exitCode, 0) << r.err;
+        return nlohmann::json::parse(r.out);
+    }
+    // The preferences file as saved.
+    nlohmann::json saved() const {
+        const auto bytes = readFile(dir_.file("config/velvox/defaults.json"));
+        return bytes.empty() ? nlohmann::json()
+                             : nlohmann::json::parse(std::string(bytes.begin(), bytes.end()));
+    }
+
+private:
+    TempDir dir_;
+};
+
+std::vector<std::string> descriptions(const nlohmann::json& list) {
+    std::vector<std::string> out;
+    for (const auto& entry : list)
+        out.push_back(entry["description"]);
+    return out;
+}
+
+} // namespace
+
+TEST(FormatsCommand, FreshPreferencesListTheRegisteredDefault) {
+    Velvox velvox;
+    const Outcome text = velvox("formats");
+    EXPECT_EQ(text.exitCode, 0);
+    EXPECT_EQ(text.out, "1. FLAC - Compression Level 5  [default]\n");
+
+    const auto list = velvox.list();
+    ASSERT_EQ(list.size(), 1u);
+    EXPECT_EQ(list[0]["number"], 1);
+    EXPECT_EQ(list[0]["default"], true);
+    EXPECT_EQ(list[0]["enabled"], true);
+    EXPECT_EQ(list[0]["settings"]["encoderType"], 2);
+    EXPECT_EQ(list[0]["settings"]["flacCompressionLevel"], 5);
+    EXPECT_TRUE(velvox.saved().is_null()); // listing saves nothing
+}
+
+TEST(FormatsCommand, AddRefusesDuplicatesAndEveryChangePersists) {
+    Velvox velvox;
+    EXPECT_EQ(velvox("formats --add flac:level=8").exitCode, 0);
+    EXPECT_EQ(velvox("formats --add mp3:bitrate=320").exitCode, 0);
+    EXPECT_EQ(descriptions(velvox.list()),
+              (std::vector<std::string>{"FLAC - Compression Level 5", "FLAC - Compression Level 8",
+                                        "MP3 - 320.00 kbps CBR"}));
+
+    // The same output under another spelling is refused and nothing changes.
+    for (const char* spec : {"flac:level=8", "FLAC:flacCompressionLevel=8,ext=flac",
+                             "flac:level=8,enabled=false", "mp3:method=cbr,bitrate=320k"}) {
+        SCOPED_TRACE(spec);
+        const Outcome refused = velvox(std::string("formats --add ") + shellQuote(spec));
+        EXPECT_EQ(refused.exitCode, 1);
+        EXPECT_NE(refused.err.find("not added"), std::string::npos) << refused.err;
+        EXPECT_NE(refused.err.find("output format"), std::string::npos) << refused.err;
+    }
+    EXPECT_EQ(velvox.list().size(), 3u);
+    // A different extension is a different output.
+    EXPECT_EQ(velvox("formats --add flac:level=8,ext=fla").exitCode, 0);
+
+    // What is saved is the settings dictionaries themselves.
+    const auto saved = velvox.saved();
+    ASSERT_EQ(saved["encoderSettings"].size(), 4u);
+    const auto& mp3 = saved["encoderSettings"][2];
+    EXPECT_EQ(mp3["encoderType"], 0);
+    EXPECT_EQ(mp3["bitrate"], 320);
+    EXPECT_EQ(mp3["method"], 0);
+    EXPECT_EQ(mp3["extension"], "mp3");
+    EXPECT_EQ(mp3["enabled"], true);
+    EXPECT_EQ(saved["encoderSettings"][3]["extension"], "fla");
+    EXPECT_EQ(saved["defaultEncoderSetting"], 0);
+
+    // Removing the default makes the first one the default.
+    const Outcome removed = velvox("formats --remove 1");
+    EXPECT_EQ(removed.exitCode, 0);
+    EXPECT_EQ(removed.out.substr(0, removed.out.find('\n')),
+              "1. FLAC - Compression Level 8  [default]");
+    EXPECT_EQ(velvox.list().size(), 3u);
+    EXPECT_EQ(velvox.saved()["defaultEncoderSetting"], 0);
+}
+
+TEST(FormatsCommand, EnableDisableDefaultAndDuplicate) {
+    Velvox velvox;
+    ASSERT_EQ(velvox("formats --add opus:bitrate=96k").exitCode, 0);
+    ASSERT_EQ(velvox("formats --add vorbis").exitCode, 0);
+
+    EXPECT_EQ(velvox("formats --disable 1").exitCode, 0);
+    EXPECT_EQ(velvox.list()[0]["enabled"], false);
+    EXPECT_EQ(velvox("formats").out,
+              "1. FLAC - Compression Level 5  [default]  [disabled]\n2. Opus - 96 kbps VBR\n"
+              "3. Ogg Vorbis - VBR Quality 5\n");
+    EXPECT_EQ(velvox("formats --enable 1").exitCode, 0);
+    EXPECT_EQ(velvox.list()[0]["enabled"], true);
+
+    EXPECT_EQ(velvox("formats --default 3").exitCode, 0);
+    EXPECT_EQ(velvox.saved()["defaultEncoderSetting"], 2);
+    EXPECT_EQ(velvox.list()[2]["default"], true);
+
+    // The copy follows its original, disabled; the default keeps its format.
+    EXPECT_EQ(velvox("formats --duplicate 2").exitCode, 0);
+    const auto list = velvox.list();
+    ASSERT_EQ(list.size(), 4u);
+    EXPECT_EQ(list[2]["description"], "Opus - 96 kbps VBR");
+    EXPECT_EQ(list[2]["enabled"], false);
+    EXPECT_EQ(list[2]["settings"], [&] {
+        auto copy = list[1]["settings"];
+        copy["enabled"] = false;
+        return copy;
+    }());
+    EXPECT_EQ(list[3]["default"], true);
+    EXPECT_EQ(velvox.saved()["defaultEncoderSetting"], 3);
+
+    // Usage errors: no such number, a bad SPEC, two changes at once.
+    const Outcome noSuch = velvox("formats --enable 9");
+    EXPECT_EQ(noSuch.exitCode, 2);
+    EXPECT_NE(noSuch.err.find("no output format 9"), std::string::npos) << noSuch.err;
+    EXPECT_EQ(velvox("formats --remove 0").exitCode, 2);
+    const Outcome badSpec = velvox("formats --add flac:lvl=5");
+    EXPECT_EQ(badSpec.exitCode, 2);
+    EXPECT_NE(badSpec.err.find("unknown key 'lvl' in 'flac:lvl=5'"), std::string::npos)
+        << badSpec.err;
+    EXPECT_EQ(velvox("formats --add flac:level=7 --default 1").exitCode, 2);
+    EXPECT_EQ(velvox.list().size(), 4u);
+}
+
+TEST(FormatsCommand, TheOnlyFormatStays) {
+    Velvox velvox;
+    const Outcome r = velvox("formats --remove 1");
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_NE(r.err.find("only one"), std::string::npos) << r.err;
+    EXPECT_EQ(velvox.list().size(), 1u);
+}
+
+TEST(FormatsCommand, SetChangesPreferencesForOneRunBeforeOrAfterTheCommand) {
+    Velvox velvox;
+    const std::string two =
+        R"([{"encoderType":2,"enabled":true,"extension":"flac","flacCompressionLevel":1},)"
+        R"({"encoderType":7,"enabled":false,"extension":"tta"}])";
+    const Outcome before = velvox("--set " + shellQuote("encoderSettings=" + two) + " formats");
+    EXPECT_EQ(before.exitCode, 0) << before.err;
+    EXPECT_EQ(before.out,
+              "1. FLAC - Compression Level 1  [default]\n2. True Audio - TTA  [disabled]\n");
+    const Outcome after = velvox("formats --set " + shellQuote("encoderSettings=" + two) +
+                                 " --set defaultEncoderSetting=1");
+    EXPECT_EQ(after.exitCode, 0) << after.err;
+    EXPECT_EQ(after.out,
+              "1. FLAC - Compression Level 1\n2. True Audio - TTA  [default]  [disabled]\n");
+
+    // Nothing of it was saved.
+    EXPECT_TRUE(velvox.saved().is_null());
+    EXPECT_EQ(velvox("formats").out, "1. FLAC - Compression Level 5  [default]\n");
+
+    EXPECT_EQ(velvox("--set nokey formats").exitCode, 2);
+    EXPECT_EQ(velvox("formats --set =1").exitCode, 2);
+}
