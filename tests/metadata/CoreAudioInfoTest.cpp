@@ -1,0 +1,338 @@
+// The desktop audio file service's facts, tags and raw chunks, read from
+// WAVE, AIFF and CAF files built byte by byte: raw chunks into userData, the
+// CAF info dictionary (and its ISRC quirk), Apple Loops chunks and MIDI
+// chunks; hostile chunk lengths.
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include <taglib/aifffile.h>
+#include <taglib/wavfile.h>
+
+#include "metadata/AudioMetadata.h"
+#include "metadata/CoreAudioFileInfo.h"
+#include "metadata/MetadataFixtures.h"
+#include "support/TestSupport.h"
+
+using namespace velvox;
+using namespace velvox::test;
+
+namespace {
+
+Bytes text(std::string_view s, bool terminate = true) {
+    Bytes out(s.begin(), s.end());
+    if (terminate)
+        out.push_back(0);
+    return out;
+}
+
+std::unique_ptr<AudioMetadata> readBoth(const std::string& path) {
+    auto m = std::make_unique<AudioMetadata>();
+    AudioMetadata::getCoreAudioInfoFromFile(path, *m);
+    AudioMetadata::getCoreAudioMetadataFromFile(path, *m);
+    return m;
+}
+
+} // namespace
+
+TEST(CoreAudioInfoTest, WaveKeepsEveryChunkButFormatAndSamplesAsUserData) {
+    TempDir dir;
+    const Bytes info = concat(
+        {text("INFO", false), riffChunk("INAM", text("Name")), riffChunk("IART", text("Artist"))});
+    const Bytes bext(602, 0x42);
+    const std::string path = dir.file("take.wav");
+    writeFile(path,
+              wavFile(2, 48000, 4800,
+                      {riffChunk("LIST", info), riffChunk("bext", bext),
+                       riffChunk("abcd", text("odd", false)), riffChunk("abcd", text("two"))}));
+
+    const auto m = AudioMetadata::metadataFromFile(path);
+    EXPECT_EQ(m->sourceKind(), "WAVE");
+    EXPECT_EQ(m->sourceFormat(), "Linear PCM");
+    EXPECT_EQ(m->sourceSampleRate(), 48000);
+    EXPECT_EQ(m->sourceChannels(), 2);
+    EXPECT_EQ(m->sourceSampleSize(), 16);
+    EXPECT_EQ(m->sourceChannelMode(), "Stereo");
+    EXPECT_EQ(m->sourceBitrate(), 48000 * 2 * 16);
+    EXPECT_EQ(m->sourceLength(), 0.1f); // single precision, as the service estimates
+    // The WAVE reader takes only ID3v2 tags; the INFO strings stay raw data.
+    EXPECT_FALSE(m->trackTitle() && *m->trackTitle() == "Name");
+
+    ASSERT_TRUE(m->userData());
+    const auto& userData = *m->userData();
+    EXPECT_EQ(userData.count("data"), 0u);
+    EXPECT_EQ(userData.count("fmt "), 0u);
+    ASSERT_EQ(userData.count("LIST"), 1u);
+    EXPECT_EQ(userData.at("LIST"), std::vector<Bytes>{info});
+    ASSERT_EQ(userData.count("bext"), 1u);
+    EXPECT_EQ(userData.at("bext"), std::vector<Bytes>{bext});
+    ASSERT_EQ(userData.count("abcd"), 1u);
+    EXPECT_EQ(userData.at("abcd"), (std::vector<Bytes>{text("odd", false), text("two")}));
+}
+
+TEST(CoreAudioInfoTest, InfoStringsFillTagsThroughTheServiceReader) {
+    TempDir dir;
+    const Bytes info =
+        concat({text("INFO", false), riffChunk("INAM", text("Name")),
+                riffChunk("IART", text("Artist")), riffChunk("ICMT", text("Note")),
+                riffChunk("ICRD", text("2004-02-01")), riffChunk("ISFT", text("Recorder 1.0"))});
+    // A broadcast-wave extension is not one of ours, so the service reads it.
+    const std::string path = dir.file("take.bwf");
+    writeFile(path, wavFile(1, 8000, 800, {riffChunk("LIST", info)}));
+    const auto m = AudioMetadata::metadataFromFile(path);
+    EXPECT_EQ(m->trackTitle(), "Name");
+    EXPECT_EQ(m->trackArtist(), "Artist");
+    EXPECT_EQ(m->trackComment(), "Note");
+    EXPECT_EQ(m->trackYear(), 2004);
+    EXPECT_EQ(m->sourceEncodedWith(), "Recorder 1.0");
+    EXPECT_EQ(m->sourceChannelMode(), "Mono");
+}
+
+TEST(CoreAudioInfoTest, CAFInfoChunkGivesTheCommentAndSkipsISRCWhenACommentExists) {
+    TempDir dir;
+    const std::string both = dir.file("both.caf");
+    writeFile(both, cafFile(2, 44100, 4410,
+                            {cafChunk("info", infoPairs({{"comments", "A comment"},
+                                                         {"ISRC", "USABC0412345"},
+                                                         {"artist", "Player"},
+                                                         {"tempo", "97"},
+                                                         {"key signature", "F#"},
+                                                         {"track number", "6"}}))}));
+    const auto m = AudioMetadata::metadataFromFile(both);
+    EXPECT_EQ(m->sourceKind(), "CAF");
+    EXPECT_EQ(m->sourceFormat(), "Linear PCM");
+    EXPECT_EQ(m->sourceSampleSize(), 16);
+    EXPECT_EQ(m->trackComment(), "A comment");
+    EXPECT_FALSE(m->ISRC());
+    EXPECT_EQ(m->trackArtist(), "Player");
+    EXPECT_EQ(m->bpm(), 97);
+    EXPECT_EQ(m->key(), "F#");
+    EXPECT_EQ(m->trackNumber(), 6);
+    ASSERT_TRUE(m->userData());
+    EXPECT_EQ(m->userData()->count("info"), 1u);
+
+    const std::string isrcOnly = dir.file("isrc.caf");
+    writeFile(isrcOnly,
+              cafFile(1, 8000, 80, {cafChunk("info", infoPairs({{"ISRC", "USABC0412345"}}))}));
+    EXPECT_EQ(AudioMetadata::metadataFromFile(isrcOnly)->ISRC(), "USABC0412345");
+}
+
+TEST(CoreAudioInfoTest, AIFFAndWAVEReadersTakeTheirID3v2Tag) {
+    TempDir dir;
+    const std::string aiff = dir.file("tagged.aif");
+    writeFile(aiff, aiffFile(2, 22050, 2205));
+    {
+        TagLib::RIFF::AIFF::File file(aiff.c_str());
+        file.tag()->setTitle("Aiff title");
+        file.tag()->setTrack(2);
+        ASSERT_TRUE(file.save());
+    }
+    auto m = AudioMetadata::metadataFromFile(aiff);
+    EXPECT_EQ(m->sourceKind(), "AIFF");
+    EXPECT_EQ(m->sourceFormat(), "Linear PCM");
+    EXPECT_EQ(m->sourceSampleSize(), 8);
+    EXPECT_EQ(m->sourceTagFormat(), "ID3v2.4.0");
+    EXPECT_EQ(m->trackTitle(), "Aiff title");
+    EXPECT_EQ(m->trackNumber(), 2);
+    ASSERT_TRUE(m->userData());
+    EXPECT_EQ(m->userData()->count("ID3 "), 1u); // raw, for faithful copying
+    EXPECT_EQ(m->userData()->count("COMM"), 1u);
+
+    const std::string wav = dir.file("tagged.WAV");
+    writeFile(wav, wavFile(1, 16000, 1600));
+    {
+        TagLib::RIFF::WAV::File file(wav.c_str());
+        file.ID3v2Tag()->setTitle("Wave title");
+        ASSERT_TRUE(file.save(TagLib::RIFF::WAV::File::ID3v2, TagLib::File::StripOthers,
+                              TagLib::ID3v2::v3));
+    }
+    m = AudioMetadata::metadataFromFile(wav);
+    EXPECT_EQ(m->sourceKind(), "WAVE");
+    EXPECT_EQ(m->sourceTagFormat(), "ID3v2.3.0");
+    EXPECT_EQ(m->trackTitle(), "Wave title");
+    EXPECT_EQ(m->sourceChannelMode(), "Mono");
+}
+
+TEST(CoreAudioInfoTest, AppleLoopsChunkGivesKeyGenreAndTempo) {
+    TempDir dir;
+    struct Case {
+        const char* keyType;
+        const char* expected;
+    };
+    for (const Case c : {Case{"minor", "B Minor"}, Case{"both", "B"}, Case{"neither", "B"},
+                         Case{"major", "B Major"}}) {
+        SCOPED_TRACE(c.keyType);
+        const std::string path = dir.file(std::string("loop-") + c.keyType + ".aiff");
+        // Two seconds of audio and 4 beats: 120 beats per minute.
+        writeFile(path, aiffFile(1, 8000, 16000,
+                                 {iffChunk("uuid", appleLoopsPayload({{"key signature", "Bc"},
+                                                                      {"key type", c.keyType},
+                                                                      {"genre", "Loops"},
+                                                                      {"beat count", "4"}}))}));
+        const auto m = readBoth(path);
+        EXPECT_EQ(m->sourceKind(), "AIFF");
+        EXPECT_EQ(m->sourceSampleSize(), 8);
+        EXPECT_EQ(m->sourceLength(), 2.0);
+        EXPECT_EQ(m->key(), c.expected);
+        EXPECT_EQ(m->trackGenre(), "Loops");
+        EXPECT_EQ(m->bpm(), 120);
+
+        // The AIFF reader itself takes only ID3v2 tags and the stream facts.
+        const auto fromReader = AudioMetadata::metadataFromFile(path);
+        EXPECT_EQ(fromReader->sourceKind(), "AIFF");
+        EXPECT_FALSE(fromReader->key());
+        ASSERT_TRUE(fromReader->userData());
+        EXPECT_EQ(fromReader->userData()->count("uuid"), 1u);
+    }
+}
+
+TEST(CoreAudioInfoTest, AppleLoopsChunksThatAreNotOursOrAreBrokenAreSkipped) {
+    TempDir dir;
+    Bytes otherUUID = appleLoopsPayload({{"key signature", "C"}});
+    otherUUID[0] ^= 0xFF;
+    Bytes unterminated = appleLoopsPayload({{"genre", "Cut"}});
+    unterminated.resize(unterminated.size() - 3); // "genre\0Cu"
+    Bytes tooShort = appleLoopsPayload({});
+    tooShort.resize(18);
+    const std::string path = dir.file("odd.aiff");
+    writeFile(path, aiffFile(1, 8000, 800,
+                             {iffChunk("uuid", otherUUID), iffChunk("uuid", unterminated),
+                              iffChunk("uuid", tooShort),
+                              iffChunk("uuid", appleLoopsPayload({{"key signature", "Ab"},
+                                                                  {"key type", "any"},
+                                                                  {"beat count", "0"}}))}));
+    const auto m = readBoth(path);
+    EXPECT_EQ(m->key(), "Ab"); // the last chunk; the foreign one is ignored
+    EXPECT_FALSE(m->trackGenre());
+    EXPECT_FALSE(m->bpm());
+    ASSERT_TRUE(m->userData());
+    EXPECT_EQ(m->userData()->at("uuid").size(), 4u);
+}
+
+TEST(CoreAudioInfoTest, MIDIChunksGiveTempoAndKeyWhenStillMissing) {
+    TempDir dir;
+    const std::string path = dir.file("groove.w64x"); // any extension the service handles
+    writeFile(path, wavFile(2, 44100, 441,
+                            {riffChunk("midi", midiFile(468750, 2, 1)),
+                             riffChunk("midi", midiFile(500000, 0, 0))}));
+    const auto m = AudioMetadata::metadataFromFile(path);
+    EXPECT_EQ(m->bpm(), 128);
+    EXPECT_EQ(m->key(), "D Minor");
+
+    // A tempo already known is kept.
+    AudioMetadata known;
+    known.setBpm(90);
+    AudioMetadata::getCoreAudioMetadataFromFile(path, known);
+    EXPECT_EQ(known.bpm(), 90);
+    EXPECT_EQ(known.key(), "D Minor");
+}
+
+TEST(CoreAudioInfoTest, FilesTheServiceCannotOpenLeaveTheRecordAlone) {
+    TempDir dir;
+    const std::string path = dir.file("noise.bin");
+    writeFile(path, Bytes(3000, 0x5A));
+    AudioMetadata m;
+    m.setSourceKind("Before");
+    AudioMetadata::getCoreAudioInfoFromFile(path, m);
+    AudioMetadata::getCoreAudioMetadataFromFile(path, m);
+    EXPECT_EQ(m.sourceKind(), "Before");
+    EXPECT_FALSE(m.userData());
+
+    // An Ogg file is FFmpeg's, not the service's.
+    const std::string ogg = dir.file("x.caf");
+    ASSERT_TRUE(
+        runOrFail("ffmpeg -v error -y -f lavfi -i sine=duration=0.2 -c:a libvorbis -f ogg " +
+                  shellQuote(ogg)));
+    AudioMetadata::getCoreAudioInfoFromFile(ogg, m);
+    EXPECT_EQ(m.sourceKind(), "Before");
+}
+
+TEST(CoreAudioInfoTest, HostileChunkLengthsAreNotFollowed) {
+    TempDir dir;
+    // An info chunk promising a billion pairs, an Apple Loops chunk cut in a
+    // string, a chunk claiming more bytes than the file has.
+    Bytes manyPairs = infoPairs({{"title", "Only"}});
+    manyPairs[0] = 0x3B;
+    const std::string caf = dir.file("pairs.caf");
+    writeFile(caf, cafFile(1, 8000, 80, {cafChunk("info", manyPairs)}));
+    EXPECT_EQ(readBoth(caf)->trackTitle(), "Only");
+
+    Bytes wav = wavFile(1, 8000, 80, {riffChunk("midi", midiFile(500000, 1, 0))});
+    // Make the midi track length absurd.
+    const Bytes mtrk = {'M', 'T', 'r', 'k'};
+    const auto at = std::search(wav.begin(), wav.end(), mtrk.begin(), mtrk.end());
+    ASSERT_NE(at, wav.end());
+    at[4] = 0x7F;
+    const std::string midi = dir.file("midi.bwf");
+    writeFile(midi, wav);
+    const auto m = readBoth(midi);
+    EXPECT_EQ(m->sourceKind(), "WAVE");
+
+    const std::string truncated = dir.file("truncated.caf");
+    Bytes cut = cafFile(2, 44100, 4410, {cafChunk("uuid", appleLoopsPayload({{"genre", "G"}}))});
+    cut.resize(cut.size() - 5000);
+    writeFile(truncated, cut);
+    readBoth(truncated); // must not crash
+}
+
+TEST(CoreAudioInfoTest, InfoChunkParserStopsAtTheCountOrAnUnterminatedString) {
+    EXPECT_EQ(CoreAudioFileInfo::parseInfoChunk({}).size(), 0u);
+    Bytes two = infoPairs({{"a", "1"}, {"b", "2"}});
+    two[3] = 1; // count says one
+    EXPECT_EQ(CoreAudioFileInfo::parseInfoChunk(two),
+              (std::vector<std::pair<std::string, std::string>>{{"a", "1"}}));
+    Bytes cut = infoPairs({{"a", "1"}, {"b", "2"}});
+    cut.pop_back();
+    EXPECT_EQ(CoreAudioFileInfo::parseInfoChunk(cut),
+              (std::vector<std::pair<std::string, std::string>>{{"a", "1"}}));
+}
+
+TEST(CoreAudioInfoTest, MutatedContainersNeverBreakTheReaders) {
+    // Valid files with bytes overwritten near their headers and chunks, and
+    // cut at random places: whatever the readers make of them, each gives a
+    // record and nothing reads outside its buffers (the sanitizer run checks).
+    TempDir dir;
+    const std::vector<std::pair<std::string, Bytes>> originals = {
+        {"wav",
+         wavFile(2, 44100, 300,
+                 {riffChunk("LIST", concat({text("INFO", false), riffChunk("INAM", text("N"))})),
+                  riffChunk("midi", midiFile(500000, 2, 0))})},
+        {"aifc", aiffFile(1, 8000, 400,
+                          {iffChunk("uuid", appleLoopsPayload(
+                                                {{"key signature", "C"}, {"beat count", "8"}}))})},
+        {"caf", cafFile(2, 44100, 300,
+                        {cafChunk("info", infoPairs({{"comments", "c"}, {"ISRC", "X"}})),
+                         cafChunk("uuid", appleLoopsPayload({{"genre", "G"}}))})},
+        {"dsf", dsfFile(2, 2822400, 40000, Bytes{'I', 'D', '3', 3, 0, 0, 0, 0, 0, 12, 'T',
+                                                 'I', 'T', '2', 0, 0, 0, 2, 0, 0, 0,  'x'})},
+        {"xm", xmModule("name", "tracker", 0x104, 4, 6, 125)},
+        {"s3m", s3mModule("name", 0x1320, 125)},
+        {"it", itModule("name", 0x214, 125)},
+    };
+    uint32_t seed = 12345;
+    auto next = [&] {
+        seed = seed * 1103515245u + 12345u;
+        return seed >> 8;
+    };
+    int count = 0;
+    for (const auto& [extension, original] : originals) {
+        for (int round = 0; round < 30; ++round) {
+            Bytes bytes = original;
+            const int edits = 1 + int(next() % 6);
+            for (int e = 0; e < edits; ++e) {
+                // Mostly the first 160 bytes, where the headers and sizes are.
+                const size_t limit =
+                    next() % 4 ? std::min<size_t>(160, bytes.size()) : bytes.size();
+                bytes[next() % limit] = uint8_t(next());
+            }
+            if (round % 5 == 4)
+                bytes.resize(next() % bytes.size());
+            const std::string path = dir.file("m" + std::to_string(count++) + "." + extension);
+            writeFile(path, bytes);
+            const auto m = AudioMetadata::metadataFromFile(path);
+            ASSERT_TRUE(m);
+            EXPECT_EQ(m->sourceLocation(), path);
+        }
+    }
+}

@@ -1,0 +1,208 @@
+// DSF tag access on files built byte by byte with an ID3v2 block rendered by
+// TagLib: the stream facts of the "fmt " chunk, the tag at the metadata
+// offset, writing the tag back, and headers that lie.
+
+#include <filesystem>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include <taglib/attachedpictureframe.h>
+#include <taglib/id3v2tag.h>
+#include <taglib/tbytevectorstream.h>
+
+#include "metadata/AudioMetadata.h"
+#include "metadata/DSFTagFile.h"
+#include "metadata/MetadataFixtures.h"
+#include "support/TestSupport.h"
+
+using namespace velvox;
+using namespace velvox::test;
+
+namespace {
+
+Bytes renderedTag(const std::string& title, const std::string& artist, int version = 3) {
+    TagLib::ID3v2::Tag tag;
+    tag.setTitle(TagLib::String(title, TagLib::String::UTF8));
+    tag.setArtist(TagLib::String(artist, TagLib::String::UTF8));
+    tag.setYear(1987);
+    const TagLib::ByteVector bytes =
+        tag.render(version == 3 ? TagLib::ID3v2::v3 : TagLib::ID3v2::v4);
+    return Bytes(bytes.begin(), bytes.end());
+}
+
+uint64_t readLE64(const Bytes& bytes, size_t offset) {
+    uint64_t value = 0;
+    for (int i = 7; i >= 0; --i)
+        value = (value << 8) | bytes[offset + size_t(i)];
+    return value;
+}
+
+} // namespace
+
+TEST(DSFTagFileTest, ReadsStreamFactsAndTheTagAtTheMetadataOffset) {
+    TempDir dir;
+    const std::string path = dir.file("take.dsf");
+    writeFile(path, dsfFile(2, 2822400, 2822400 * 3 + 17, renderedTag("DSD Title", "DSD Artist")));
+
+    DSFTagFile file(path.c_str());
+    ASSERT_TRUE(file.isValid());
+    ASSERT_TRUE(file.audioProperties());
+    EXPECT_EQ(file.audioProperties()->channels(), 2);
+    EXPECT_EQ(file.audioProperties()->sampleRate(), 2822400);
+    EXPECT_EQ(file.audioProperties()->bitsPerSample(), 1);
+    EXPECT_EQ(file.audioProperties()->lengthInSeconds(), 3);
+    EXPECT_EQ(file.audioProperties()->lengthInMilliseconds(), 3000);
+    EXPECT_EQ(file.audioProperties()->bitrate(), 5645); // kilobits per second
+    EXPECT_EQ(file.audioProperties()->blockSizePerChannel(), 4096u);
+    EXPECT_TRUE(file.hasID3v2Tag());
+    EXPECT_EQ(file.tag()->title(), "DSD Title");
+
+    const auto m = AudioMetadata::metadataFromFile(path);
+    EXPECT_EQ(m->sourceKind(), "DSD");
+    EXPECT_EQ(m->sourceFormat(), "DSF");
+    EXPECT_EQ(m->sourceTagFormat(), "ID3v2.3.0");
+    EXPECT_EQ(m->trackTitle(), "DSD Title");
+    EXPECT_EQ(m->trackArtist(), "DSD Artist");
+    EXPECT_EQ(m->trackYear(), 1987);
+    EXPECT_EQ(m->sourceLength(), 3.0);
+    EXPECT_EQ(m->sourceBitrate(), 5645000);
+    EXPECT_EQ(m->sourceSampleRate(), 2822400);
+    EXPECT_EQ(m->sourceChannels(), 2);
+    EXPECT_EQ(m->sourceSampleSize(), 1);
+}
+
+TEST(DSFTagFileTest, FileWithoutTagHasAnEmptyOne) {
+    TempDir dir;
+    const std::string path = dir.file("plain.DSF");
+    writeFile(path, dsfFile(1, 5644800, 5644800, {}));
+    DSFTagFile file(path.c_str());
+    ASSERT_TRUE(file.isValid());
+    EXPECT_FALSE(file.hasID3v2Tag());
+    ASSERT_TRUE(file.tag());
+    EXPECT_TRUE(file.tag()->isEmpty());
+
+    const auto m = AudioMetadata::metadataFromFile(path);
+    EXPECT_EQ(m->sourceFormat(), "DSF");
+    EXPECT_FALSE(m->sourceTagFormat());
+    EXPECT_EQ(m->trackTitle(), "plain");
+}
+
+TEST(DSFTagFileTest, DSDIFFFilesKeepOnlyKindAndFormat) {
+    TempDir dir;
+    Bytes dff;
+    appendText(dff, "FRM8");
+    appendBE(dff, 100, 8);
+    appendText(dff, "DSD ");
+    dff.resize(112, 0);
+    const std::string path = dir.file("take.dff");
+    writeFile(path, dff);
+    const auto m = AudioMetadata::metadataFromFile(path);
+    EXPECT_EQ(m->sourceKind(), "DSD");
+    EXPECT_EQ(m->sourceFormat(), "DFF");
+    EXPECT_FALSE(m->sourceSampleRate());
+    EXPECT_FALSE(m->sourceTagFormat());
+}
+
+TEST(DSFTagFileTest, SavePutsTheTagAfterTheSamplesAndUpdatesTheHeader) {
+    TempDir dir;
+    const std::string path = dir.file("edit.dsf");
+    const Bytes original = dsfFile(2, 2822400, 8192 * 8, renderedTag("Old", "Old artist"));
+    writeFile(path, original);
+    const size_t dataEnd = original.size() - renderedTag("Old", "Old artist").size();
+
+    {
+        DSFTagFile file(path.c_str());
+        ASSERT_TRUE(file.isValid());
+        file.tag()->setTitle("A much longer new title than before");
+        auto* picture = new TagLib::ID3v2::AttachedPictureFrame;
+        picture->setPicture(TagLib::ByteVector(300, 'p'));
+        picture->setMimeType("image/png");
+        file.tag()->addFrame(picture); // the tag owns its frames
+        ASSERT_TRUE(file.save());
+    }
+    Bytes saved = readFile(path);
+    EXPECT_EQ(readLE64(saved, 12), saved.size());
+    EXPECT_EQ(readLE64(saved, 20), dataEnd);
+    // The samples are untouched.
+    EXPECT_TRUE(std::equal(original.begin() + 28, original.begin() + ptrdiff_t(dataEnd),
+                           saved.begin() + 28));
+    {
+        DSFTagFile file(path.c_str());
+        ASSERT_TRUE(file.hasID3v2Tag());
+        EXPECT_EQ(file.tag()->title(), "A much longer new title than before");
+        EXPECT_EQ(file.tag()->artist(), "Old artist");
+        EXPECT_EQ(file.tag()->frameListMap()["APIC"].size(), 1u);
+
+        // Emptying the tag removes it.
+        for (const char* id : {"TIT2", "TPE1", "TDRC", "TYER", "APIC"})
+            file.tag()->removeFrames(id);
+        ASSERT_TRUE(file.save());
+    }
+    saved = readFile(path);
+    EXPECT_EQ(saved.size(), dataEnd);
+    EXPECT_EQ(readLE64(saved, 12), dataEnd);
+    EXPECT_EQ(readLE64(saved, 20), 0u);
+    EXPECT_FALSE(DSFTagFile(path.c_str()).hasID3v2Tag());
+}
+
+TEST(DSFTagFileTest, ReadsFromAStream) {
+    const Bytes bytes = dsfFile(2, 2822400, 2822400, renderedTag("Streamed", "X", 4));
+    TagLib::ByteVectorStream stream(
+        TagLib::ByteVector(reinterpret_cast<const char*>(bytes.data()), unsigned(bytes.size())));
+    DSFTagFile file(&stream);
+    ASSERT_TRUE(file.isValid());
+    EXPECT_EQ(file.tag()->title(), "Streamed");
+    EXPECT_EQ(file.tag()->header()->majorVersion(), 4u);
+}
+
+TEST(DSFTagFileTest, LyingHeadersMakeTheFileInvalidOrTagless) {
+    TempDir dir;
+    const Bytes good = dsfFile(2, 2822400, 65536, renderedTag("T", "A"));
+    struct Case {
+        const char* name;
+        size_t offset;
+        uint64_t value;
+        bool valid;
+        bool tagged;
+    };
+    const Case cases[] = {
+        {"dsd-size-small", 4, 10, false, false},
+        {"dsd-size-huge", 4, 1ULL << 62, false, false},
+        {"fmt-size-small", 32, 20, false, false},
+        {"fmt-size-huge", 32, ~0ULL, false, false},
+        {"no-channels", 52, 0, false, false},
+        {"no-rate", 56, 0, false, false},
+        {"metadata-past-end", 20, 1ULL << 40, true, false},
+        {"metadata-at-samples", 20, 100, true, false},
+        {"metadata-top-bit", 20, ~0ULL, true, false},
+        {"data-size-huge", 84, 1ULL << 50, true, true},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        Bytes bytes = good;
+        for (int i = 0; i < 8 && c.offset + size_t(i) < bytes.size(); ++i) {
+            // 4-byte fields only take the low half of the value.
+            const bool wide = c.offset == 4 || c.offset == 20 || c.offset == 32 || c.offset == 84;
+            if (!wide && i >= 4)
+                break;
+            bytes[c.offset + size_t(i)] = uint8_t(c.value >> (8 * i));
+        }
+        const std::string path = dir.file(std::string(c.name) + ".dsf");
+        writeFile(path, bytes);
+        DSFTagFile file(path.c_str());
+        EXPECT_EQ(file.isValid(), c.valid);
+        EXPECT_EQ(file.hasID3v2Tag(), c.tagged);
+        ASSERT_TRUE(file.tag());
+        if (c.name == std::string("data-size-huge")) {
+            EXPECT_FALSE(file.save()); // no known end of the samples to write after
+        }
+        const auto m = AudioMetadata::metadataFromFile(path);
+        EXPECT_EQ(m->sourceKind(), "DSD");
+    }
+    for (size_t keep : {size_t(0), size_t(4), size_t(27), size_t(60), size_t(79)}) {
+        const std::string path = dir.file("cut" + std::to_string(keep) + ".dsf");
+        writeFile(path, Bytes(good.begin(), good.begin() + ptrdiff_t(keep)));
+        EXPECT_FALSE(DSFTagFile(path.c_str()).isValid()) << keep;
+    }
+}
