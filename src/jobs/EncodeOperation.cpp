@@ -1,0 +1,470 @@
+#include "jobs/EncodeOperation.h"
+
+#include <algorithm>
+#include <cctype>
+#include <filesystem>
+#include <map>
+#include <system_error>
+
+#include <sys/stat.h>
+
+#include "core/KDDecoder.h"
+#include "jobs/FormatSpecifiers.h"
+#include "platform/ErrorLog.h"
+#include "platform/FileManager.h"
+#include "platform/MainRunLoop.h"
+#include "platform/StringFormat.h"
+#include "platform/TaggingThread.h"
+#include "platform/UserDefaults.h"
+
+namespace velvox {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string lowercase(std::string s) {
+    std::transform(s.begin(), s.end(), s.begin(),
+                   [](unsigned char c) { return char(std::tolower(c)); });
+    return s;
+}
+
+std::string extensionOf(const std::string& path) {
+    std::string ext = fs::path(path).extension().string();
+    return ext.empty() ? ext : ext.substr(1);
+}
+
+// "name" + "." + extension, or the name alone for an empty extension.
+std::string withExtension(const std::string& name, const std::string& extension) {
+    return extension.empty() ? name : name + "." + extension;
+}
+
+void logMessage(const std::string& message) { ErrorLog::sharedController().logMessage(message); }
+
+} // namespace
+
+namespace {
+
+struct EncoderRegistry {
+    std::mutex mutex;
+    std::map<int32_t, EncodeOperation::Factory> byType;
+    std::map<std::string, EncodeOperation::Factory> byUpdateKey;
+};
+
+EncoderRegistry& encoderRegistry() {
+    static EncoderRegistry registry;
+    return registry;
+}
+
+} // namespace
+
+void EncodeOperation::registerEncoderClass(int32_t encoderType, Factory factory) {
+    std::lock_guard lock(encoderRegistry().mutex);
+    encoderRegistry().byType[encoderType] = std::move(factory);
+}
+
+std::unique_ptr<EncodeOperation> EncodeOperation::encodeOperationForType(int32_t encoderType) {
+    Factory factory;
+    {
+        std::lock_guard lock(encoderRegistry().mutex);
+        auto it = encoderRegistry().byType.find(encoderType);
+        if (it != encoderRegistry().byType.end())
+            factory = it->second;
+    }
+    return factory ? factory() : nullptr;
+}
+
+void EncodeOperation::registerUpdateMetadataClass(const std::string& key, Factory factory) {
+    std::lock_guard lock(encoderRegistry().mutex);
+    encoderRegistry().byUpdateKey[key] = std::move(factory);
+}
+
+std::unique_ptr<EncodeOperation>
+EncodeOperation::updateMetadataOperationForKey(const std::string& key) {
+    Factory factory;
+    {
+        std::lock_guard lock(encoderRegistry().mutex);
+        auto it = encoderRegistry().byUpdateKey.find(key);
+        if (it != encoderRegistry().byUpdateKey.end())
+            factory = it->second;
+    }
+    return factory ? factory() : nullptr;
+}
+
+EncodeOperation::EncodeOperation() = default;
+
+EncodeOperation::~EncodeOperation() {
+    std::lock_guard lock(threadMutex_);
+    if (thread_.joinable()) {
+        if (thread_.get_id() == std::this_thread::get_id())
+            thread_.detach(); // the last owner let go on the operation's own thread
+        else
+            thread_.join();
+    }
+}
+
+bool EncodeOperation::initWithFilePath(const std::string& inFilePath,
+                                       const std::string& topLevelPath) {
+    inFilePath_ = inFilePath;
+    topLevelPath_ = topLevelPath;
+    return true;
+}
+
+// ---- Operation protocol ----
+
+void EncodeOperation::start() {
+    if (cancelled_) {
+        setFinished(true);
+        success_ = true; // never ran: nothing failed
+        return;
+    }
+    std::lock_guard lock(threadMutex_);
+    if (thread_.joinable() && thread_.get_id() != std::this_thread::get_id())
+        thread_.join(); // an earlier run that stopped to wait for the user
+    else if (thread_.joinable())
+        thread_.detach();
+    setExecuting(true);
+    thread_ = std::thread([this] { main(); });
+}
+
+void EncodeOperation::completeOperation() {
+    willChangeValueForKey("isFinished");
+    willChangeValueForKey("isExecuting");
+    executing_ = false;
+    finished_ = true;
+    didChangeValueForKey("isExecuting");
+    didChangeValueForKey("isFinished");
+}
+
+void EncodeOperation::setExecuting(bool value) {
+    willChangeValueForKey("isExecuting");
+    executing_ = value;
+    didChangeValueForKey("isExecuting");
+}
+
+void EncodeOperation::setFinished(bool value) {
+    willChangeValueForKey("isFinished");
+    finished_ = value;
+    didChangeValueForKey("isFinished");
+}
+
+void EncodeOperation::setWaitingUserInput(bool value) {
+    willChangeValueForKey("waitingUserInput");
+    waitingUserInput_ = value;
+    didChangeValueForKey("waitingUserInput");
+}
+
+void EncodeOperation::setCurrentFrame(int64_t frame) {
+    willChangeValueForKey("currentFrame");
+    currentFrame_ = frame;
+    didChangeValueForKey("currentFrame");
+}
+
+std::string EncodeOperation::currentStatus() const {
+    std::lock_guard lock(mutex_);
+    return currentStatus_;
+}
+
+void EncodeOperation::setCurrentStatus(std::string status) {
+    willChangeValueForKey("currentStatus");
+    {
+        std::lock_guard lock(mutex_);
+        currentStatus_ = std::move(status);
+    }
+    didChangeValueForKey("currentStatus");
+}
+
+std::optional<std::string> EncodeOperation::outFilePath() const {
+    std::lock_guard lock(mutex_);
+    return outFilePath_;
+}
+void EncodeOperation::setOutFilePath(std::optional<std::string> path) {
+    std::lock_guard lock(mutex_);
+    outFilePath_ = std::move(path);
+}
+std::optional<std::string> EncodeOperation::tempFilePath() const {
+    std::lock_guard lock(mutex_);
+    return tempFilePath_;
+}
+void EncodeOperation::setTempFilePath(std::optional<std::string> path) {
+    std::lock_guard lock(mutex_);
+    tempFilePath_ = std::move(path);
+}
+std::optional<std::string> EncodeOperation::decodeFilePath() const {
+    std::lock_guard lock(mutex_);
+    return decodeFilePath_;
+}
+void EncodeOperation::setDecodeFilePath(std::optional<std::string> path) {
+    std::lock_guard lock(mutex_);
+    decodeFilePath_ = std::move(path);
+}
+
+std::string EncodeOperation::inputDisplayName() const {
+    return fs::path(inFilePath_).filename().string();
+}
+
+std::shared_ptr<AudioMetadata> EncodeOperation::metadata() {
+    {
+        std::lock_guard lock(mutex_);
+        if (metadata_)
+            return metadata_;
+    }
+    // Read without holding the lock: the tagging thread may be busy with a
+    // task that asks this operation for something.
+    std::shared_ptr<AudioMetadata> loaded;
+    onTaggingThread([&] { loaded = AudioMetadata::metadataFromFile(inFilePath_); });
+    willChangeValueForKey("metadata");
+    {
+        std::lock_guard lock(mutex_);
+        if (!metadata_)
+            metadata_ = std::move(loaded);
+        loaded = metadata_;
+    }
+    didChangeValueForKey("metadata");
+    return loaded;
+}
+
+void EncodeOperation::setMetadata(std::shared_ptr<AudioMetadata> metadata) {
+    willChangeValueForKey("metadata");
+    {
+        std::lock_guard lock(mutex_);
+        metadata_ = std::move(metadata);
+    }
+    didChangeValueForKey("metadata");
+}
+
+void EncodeOperation::onMainThread(const std::function<void()>& task) {
+    performOnMainThread(task, true);
+}
+
+void EncodeOperation::onTaggingThread(const std::function<void()>& task) {
+    if (delegate_)
+        delegate_->taggingThread().performAndWait(task);
+    else
+        task();
+}
+
+void EncodeOperation::decoderDidUpdateProgressPercent(KDDecoder& decoder, double progress) {
+    setTotalFrames(100);
+    setCurrentFrame(int64_t(progress * 100));
+    if (isCancelled())
+        decoder.cancel();
+}
+
+// ---- Output path ----
+
+bool EncodeOperation::determineOutputPath() {
+    if (outFilePath())
+        return true;
+    UserDefaults& defaults = UserDefaults::standardUserDefaults();
+    const bool sameAsSource = defaults.boolForKey("outputSameAsSource");
+    const std::string extension = settings_ ? settings_->extension().value_or("") : "";
+    const fs::path base =
+        sameAsSource ? fs::path(inFilePath_).parent_path()
+                     : fs::path(defaults.stringForKey("destinationDirectory").value_or(""));
+
+    std::string path;
+    if (defaults.boolForKey("preserveInputFileDirectoryStructure") && !sameAsSource) {
+        std::string relative;
+        if (inFilePath_.size() != topLevelPath_.size()) {
+            // The input's path below the folder that holds what the user dropped.
+            std::string parent = fs::path(topLevelPath_).parent_path().string();
+            relative = inFilePath_.substr(std::min(parent.size(), inFilePath_.size()));
+            while (!relative.empty() && relative.front() == '/')
+                relative.erase(0, 1);
+        } else {
+            relative = fs::path(inFilePath_).filename().string();
+        }
+        fs::path rel(relative);
+        rel.replace_extension();
+        path = (base / (rel.string())).string();
+        path = withExtension(path, extension);
+    } else if (defaults.boolForKey("useCustomNamingScheme")) {
+        const std::string name =
+            expandFormatSpecifiers(defaults.stringForKey("customNamingScheme"), metadata().get(),
+                                   settings_.get(), inFilePath_, true);
+        path = withExtension((base / name).string(), extension);
+    } else {
+        path = withExtension((base / fs::path(inFilePath_).stem()).string(), extension);
+    }
+
+    if (FileManager::isInMusicLibraryFolder(path)) {
+        logMessage("Tracks can not be written to your iTunes library folder.  Please choose an "
+                   "alternate destination folder in the preferences.");
+        onMainThread([this] { completeOperation(); });
+        return false;
+    }
+
+    std::error_code ec;
+    if (fs::exists(path, ec)) {
+        outputFileExistedBeforeEncode_ = true;
+        bool madeEarlier = false;
+        if (delegate_)
+            onMainThread([&] { madeEarlier = delegate_->createdOutputPathsContains(path); });
+        if (defaults.boolForKey("overwriteOutputFiles")) {
+            setOutFilePath(path);
+            if (defaults.boolForKey("promptBeforeOverwriting") && !madeEarlier) {
+                willChangeValueForKey("isExecuting");
+                willChangeValueForKey("waitingUserInput");
+                executing_ = false;
+                waitingUserInput_ = true;
+                didChangeValueForKey("waitingUserInput");
+                didChangeValueForKey("isExecuting");
+                return false;
+            }
+        } else {
+            const bool reEncodeInPlace =
+                sameAsSource && lowercase(extensionOf(inFilePath_)) == lowercase(extension);
+            setOutFilePath(reEncodeInPlace ? path : uniquePathForPath(path));
+        }
+    } else {
+        setOutFilePath(uniquePathForPath(path));
+    }
+    return true;
+}
+
+// ---- Moving the result into place ----
+
+void EncodeOperation::moveEncodedFileToOutputLocation() {
+    const std::optional<std::string> temp = tempFilePath();
+    const std::optional<std::string> out = outFilePath();
+    std::error_code ec;
+    if (temp && out && fs::exists(*temp, ec)) {
+        UserDefaults& defaults = UserDefaults::standardUserDefaults();
+        ::chmod(temp->c_str(), 0644);
+
+        const std::string unique = uniquePathForPath(*out);
+        const fs::path folder = fs::path(unique).parent_path();
+        std::string error;
+        fs::create_directories(folder, ec);
+        if (ec)
+            error = ec.message();
+        if (!error.empty() || !FileManager::moveItem(*temp, unique, error)) {
+            logMessage(stringWithFormat("Could Not Move Encoded File To Folder %@.  Error:%@",
+                                        folder.filename().string(), error));
+            success_ = false;
+        } else {
+            std::string finalPath = unique;
+            // Some writers (Sound Designer II) leave an AppleDouble companion
+            // "._name" beside the file; it travels with it.
+            const fs::path companion =
+                fs::path(*temp).parent_path() / ("._" + fs::path(*temp).filename().string());
+
+            const bool existsNow = fs::exists(*out, ec);
+            const bool overwrite = defaults.boolForKey("overwriteOutputFiles");
+            bool madeThisBatch = false;
+            if (delegate_)
+                onMainThread([&] { madeThisBatch = delegate_->createdOutputPathsContains(*out); });
+            const bool replacingSource =
+                defaults.boolForKey("deleteOriginal") && inFilePath_ == *out;
+            const bool replace =
+                (existsNow && overwrite && outputFileExistedBeforeEncode_ && !madeThisBatch) ||
+                replacingSource;
+
+            if (replace && unique != *out) {
+                std::string trashError;
+                if (!FileManager::trashItem(*out, trashError))
+                    fs::remove(*out, ec);
+                std::string moveError;
+                if (!FileManager::moveItem(unique, *out, moveError)) {
+                    logMessage(stringWithFormat(
+                        "Could Not Move File To Output Location %@.  Error:%@", *out, moveError));
+                    success_ = false;
+                } else {
+                    finalPath = *out;
+                }
+            }
+            if (fs::exists(companion, ec)) {
+                std::string companionError;
+                FileManager::moveItem(companion,
+                                      fs::path(finalPath).parent_path() /
+                                          ("._" + fs::path(finalPath).filename().string()),
+                                      companionError);
+            }
+            FileManager::clearQuarantine(finalPath);
+            // The file is where it is: the path the batch knows must say so.
+            setOutFilePath(finalPath);
+            if (delegate_)
+                onMainThread([&] { delegate_->addCreatedOutputPath(finalPath); });
+        }
+    }
+    if (temp)
+        fs::remove(*temp, ec);
+    if (const auto decoded = decodeFilePath())
+        fs::remove(*decoded, ec);
+}
+
+void EncodeOperation::deletePartiallyEncodedFileIfCancelled() {
+    if (!isCancelled())
+        return;
+    if (const auto temp = tempFilePath()) {
+        std::error_code ec;
+        fs::remove(*temp, ec);
+    }
+}
+
+void EncodeOperation::updateMetadataOnly() {
+    success_ = true;
+    setTempFilePath(inFilePath_);
+    if (FileManager::isInMusicLibraryFolder(inFilePath_)) {
+        logMessage("The Metadata Of Music In Your iTunes Library Can Not Be Edited");
+        success_ = false;
+        onMainThread([this] { completeOperation(); });
+        return;
+    }
+
+    UserDefaults& defaults = UserDefaults::standardUserDefaults();
+    std::string out = inFilePath_;
+    if (defaults.boolForKey("useCustomNamingScheme") &&
+        defaults.boolForKey("renameAfterUpdatingMetadata")) {
+        if (!determineOutputPath())
+            return;
+        // The file keeps its own format, so it keeps its own extension.
+        fs::path renamed(*outFilePath());
+        renamed.replace_extension(fs::path(inFilePath_).extension());
+        out = renamed.string();
+    }
+    setOutFilePath(out);
+
+    onTaggingThread([this] { writeMetadata(); });
+
+    if (out != inFilePath_) {
+        std::error_code ec;
+        const fs::path folder = fs::path(out).parent_path();
+        fs::create_directories(folder, ec);
+        fs::remove(out, ec);
+        std::string error;
+        if (!FileManager::moveItem(inFilePath_, out, error)) {
+            logMessage(stringWithFormat("Could Not Move Encoded File To Folder %@.  Error:%@",
+                                        folder.filename().string(), error));
+            success_ = false;
+        }
+    }
+    onMainThread([this] { completeOperation(); });
+}
+
+void EncodeOperation::saveAlbumArtworkToFile() {
+    const std::shared_ptr<AudioMetadata> record = metadata();
+    const std::shared_ptr<AlbumArtwork> artwork = record ? record->albumArtwork() : nullptr;
+    const auto out = outFilePath();
+    if (!artwork || !artwork->data() || !out)
+        return;
+    const std::string mime = artwork->mimeType().value_or("");
+    std::string extension = "jpg";
+    if (mime == "image/png")
+        extension = "png";
+    else if (mime == "image/gif")
+        extension = "gif";
+    else if (mime == "image/tiff")
+        extension = "tiff";
+    else if (mime == "image/bmp")
+        extension = "bmp";
+    const std::string name = expandFormatSpecifiers(
+        UserDefaults::standardUserDefaults().stringForKey("albumArtworkFileName"), record.get(),
+        settings_.get(), inFilePath_, true);
+    const fs::path target = fs::path(*out).parent_path() / (name + "." + extension);
+    if (artwork->writeToFile(target))
+        FileManager::clearQuarantine(target);
+}
+
+} // namespace velvox

@@ -1,0 +1,148 @@
+#pragma once
+// One output file from one input file in one output format. Subclasses (one
+// per encoder) supply main() — decode, encode into a temporary file, tag —
+// and writeMetadata(). This base owns the job's paths and state, runs main()
+// on a thread of its own, builds the output path from the naming preferences,
+// moves the finished file into place, cleans up after a cancel, can rewrite
+// tags without encoding, and saves the artwork beside the output.
+//
+// Observers hear "isExecuting", "isFinished", "waitingUserInput",
+// "currentFrame", "currentStatus" and "metadata" on the thread that changed them.
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+
+#include "core/DecoderDelegate.h"
+#include "jobs/EncodeOperationDelegate.h"
+#include "jobs/EncoderSettings.h"
+#include "metadata/AudioMetadata.h"
+#include "platform/Observable.h"
+
+namespace velvox {
+
+class EncodeOperation : public Observable, public DecoderDelegate {
+public:
+    EncodeOperation();
+    // Waits for main() to return when it still runs on its own thread.
+    ~EncodeOperation() override;
+
+    virtual bool initWithFilePath(const std::string& inFilePath, const std::string& topLevelPath);
+
+    // ---- Which class encodes what ----
+    // The encoders sit above this subsystem, so they make themselves known
+    // here at start-up; the file job asks by encoder type, or by the word it
+    // uses for a file's own format when it only rewrites tags ("FLAC", "MP3",
+    // "CoreAudio", "MonkeysAudio", "TrueAudio", "OggVorbis", "OggFLAC",
+    // "OggSpeex", "OggOpus"). Unknown or unregistered answers null.
+    using Factory = std::function<std::unique_ptr<EncodeOperation>()>;
+    static void registerEncoderClass(int32_t encoderType, Factory factory);
+    static std::unique_ptr<EncodeOperation> encodeOperationForType(int32_t encoderType);
+    static void registerUpdateMetadataClass(const std::string& key, Factory factory);
+    static std::unique_ptr<EncodeOperation> updateMetadataOperationForKey(const std::string& key);
+
+    // ---- The operation protocol ----
+    // Runs main() on a new thread; an operation cancelled before it started
+    // finishes at once and counts as successful.
+    void start();
+    // Announces the end: executing off, finished on.
+    void completeOperation();
+    void cancel() { cancelled_ = true; }
+    bool isCancelled() const { return cancelled_; }
+    bool isExecuting() const { return executing_; }
+    bool isFinished() const { return finished_; }
+    bool isConcurrent() const { return true; }
+
+    virtual void main() = 0;
+    virtual void writeMetadata() {}
+    virtual bool isItunesCompatible() const { return false; }
+
+    // ---- Steps shared by every encoder ----
+    // Sets outFilePath from the naming preferences. False when the operation
+    // must stop here: refused, or waiting for the user's overwrite answer.
+    bool determineOutputPath();
+    void moveEncodedFileToOutputLocation();
+    void deletePartiallyEncodedFileIfCancelled();
+    void updateMetadataOnly();
+    void saveAlbumArtworkToFile();
+
+    // Progress of a decoder that first decodes its whole input to a file.
+    void decoderDidUpdateProgressPercent(KDDecoder& decoder, double progress) override;
+
+    // ---- Properties ----
+    const std::string& inFilePath() const { return inFilePath_; }
+    const std::string& topLevelPath() const { return topLevelPath_; }
+    std::optional<std::string> outFilePath() const;
+    void setOutFilePath(std::optional<std::string> path);
+    std::optional<std::string> tempFilePath() const;
+    void setTempFilePath(std::optional<std::string> path);
+    std::optional<std::string> decodeFilePath() const;
+    void setDecodeFilePath(std::optional<std::string> path);
+
+    // Read from the input on first use (on the tagging thread when there is a
+    // delegate), announcing "metadata".
+    std::shared_ptr<AudioMetadata> metadata();
+    void setMetadata(std::shared_ptr<AudioMetadata> metadata);
+
+    const std::shared_ptr<EncoderSettings>& settings() const { return settings_; }
+    void setSettings(std::shared_ptr<EncoderSettings> settings) { settings_ = std::move(settings); }
+    EncodeOperationDelegate* delegate() const { return delegate_; }
+    void setDelegate(EncodeOperationDelegate* delegate) { delegate_ = delegate; }
+
+    int64_t currentFrame() const { return currentFrame_; }
+    void setCurrentFrame(int64_t frame);
+    int64_t totalFrames() const { return totalFrames_; }
+    void setTotalFrames(int64_t frames) { totalFrames_ = frames; }
+    std::string currentStatus() const;
+    void setCurrentStatus(std::string status);
+
+    bool success() const { return success_; }
+    void setSuccess(bool value) { success_ = value; }
+    bool skipped() const { return skipped_; }
+    void setSkipped(bool value) { skipped_ = value; }
+    bool waitingUserInput() const { return waitingUserInput_; }
+    void setWaitingUserInput(bool value);
+    bool outputFileExistedBeforeEncode() const { return outputFileExistedBeforeEncode_; }
+
+    // The input file's name as shown to the user.
+    std::string inputDisplayName() const;
+
+protected:
+    void setExecuting(bool value);
+    void setFinished(bool value);
+    // Runs a task on the main thread and waits for it.
+    static void onMainThread(const std::function<void()>& task);
+    // Runs a task on the tagging thread (or here, without a delegate) and waits.
+    void onTaggingThread(const std::function<void()>& task);
+
+private:
+    std::string inFilePath_;
+    std::string topLevelPath_;
+    mutable std::mutex mutex_; // guards the strings and the metadata below
+    std::optional<std::string> outFilePath_;
+    std::optional<std::string> tempFilePath_;
+    std::optional<std::string> decodeFilePath_;
+    std::shared_ptr<AudioMetadata> metadata_;
+    std::string currentStatus_;
+    std::shared_ptr<EncoderSettings> settings_;
+    EncodeOperationDelegate* delegate_ = nullptr;
+
+    std::atomic<int64_t> currentFrame_ = 0;
+    std::atomic<int64_t> totalFrames_ = 100;
+    std::atomic<bool> success_ = false;
+    std::atomic<bool> skipped_ = false;
+    std::atomic<bool> waitingUserInput_ = false;
+    std::atomic<bool> cancelled_ = false;
+    std::atomic<bool> executing_ = false;
+    std::atomic<bool> finished_ = false;
+    std::atomic<bool> outputFileExistedBeforeEncode_ = false;
+
+    std::mutex threadMutex_;
+    std::thread thread_;
+};
+
+} // namespace velvox
