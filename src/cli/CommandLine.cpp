@@ -9,8 +9,12 @@
 
 #include "Version.h"
 #include "cli/FormatsCommand.h"
+#include "cli/InfoCommand.h"
+#include "cli/NameCommand.h"
 #include "cli/ProbeCommand.h"
 #include "decoders/DecoderRegistration.h"
+#include "jobs/FormatSpecifiers.h"
+#include "platform/TaggingThread.h"
 #include "platform/UserDefaults.h"
 
 namespace velvox {
@@ -41,6 +45,8 @@ bool applyVolatileSettings(const std::vector<std::string>& assignments, std::ost
 
 int CommandLine::run(int argc, char** argv) {
     DecoderRegistration::registerAll();
+    // The metadata reader names picture files beside a source with a template.
+    FormatSpecifiers::installAsFilenamePatternExpander();
 
     CLI::App app{"Velvox: convert audio files between formats, keeping tags and artwork"};
     app.set_version_flag("--version", std::string("velvox ") + kVelvoxShortVersion);
@@ -60,6 +66,10 @@ int CommandLine::run(int argc, char** argv) {
     probe.addTo(app);
     FormatsCommand formats;
     formats.addTo(app);
+    InfoCommand info;
+    info.addTo(app);
+    NameCommand name;
+    name.addTo(app);
 
     try {
         app.parse(argc, argv);
@@ -74,6 +84,13 @@ int CommandLine::run(int argc, char** argv) {
         return probe.execute(std::cout, std::cerr);
     if (app.got_subcommand("formats"))
         return formats.execute(std::cout, std::cerr);
+    if (app.got_subcommand("info") || app.got_subcommand("name")) {
+        // Every tag read of the run goes through the one tagging thread.
+        TaggingThread tagging;
+        if (app.got_subcommand("info"))
+            return info.execute(tagging, std::cout, std::cerr);
+        return name.execute(tagging, std::cout, std::cerr);
+    }
     return 2;
 }
 

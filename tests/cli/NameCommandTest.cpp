@@ -1,0 +1,131 @@
+// `velvox name` run as a user runs it: naming templates over FLAC files that
+// the reference tools tagged.
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/TestSupport.h"
+
+using namespace velvox::test;
+
+namespace {
+
+struct Outcome {
+    int exitCode = -1;
+    std::string out;
+    std::string err;
+};
+
+class NameCommandTest : public testing::Test {
+protected:
+    void SetUp() override {
+        song_ = dir_.file("song.flac");
+        live_ = dir_.file("live.flac");
+        plain_ = dir_.file("plain.flac");
+        makeFLAC(song_, {"TITLE=Song", "ARTIST=The Band", "TRACKNUMBER=3", "TRACKTOTAL=12"});
+        makeFLAC(live_, {"TITLE=Day/Night Live", "ARTIST=The Band", "TRACKNUMBER=11"});
+        makeFLAC(plain_, {});
+        files_ = shellQuote(song_) + " " + shellQuote(live_) + " " + shellQuote(plain_);
+    }
+
+    static void makeFLAC(const std::string& path, const std::vector<std::string>& tags) {
+        ASSERT_EQ(
+            runCommand("sox -n -r 44100 -b 16 -c 2 " + shellQuote(path) + " synth 0.5 sine 440")
+                .exitCode,
+            0);
+        std::string edit = "metaflac --remove-all-tags";
+        for (const std::string& tag : tags)
+            edit += " --set-tag=" + shellQuote(tag);
+        ASSERT_EQ(runCommand(edit + " " + shellQuote(path)).exitCode, 0);
+    }
+
+    Outcome velvox(const std::string& args) const {
+        const std::string errPath = dir_.file("stderr.txt");
+        const auto r = runCommand("XDG_CONFIG_HOME=" + shellQuote(dir_.file("config")) +
+                                  " XDG_DATA_HOME=" + shellQuote(dir_.file("data")) + " " +
+                                  VELVOX_BINARY + " " + args + " 2>" + shellQuote(errPath));
+        const auto err = readFile(errPath);
+        return {r.exitCode, r.output, std::string(err.begin(), err.end())};
+    }
+
+    TempDir dir_;
+    std::string song_, live_, plain_, files_;
+};
+
+const std::string kTrackScheme = shellQuote("{trackNumber - }{trackTitle}");
+
+} // namespace
+
+TEST_F(NameCommandTest, ExpandsTheTemplateWithSafeValuesOneLinePerFile) {
+    const Outcome r = velvox("name --scheme " + kTrackScheme + " " + files_);
+    EXPECT_EQ(r.exitCode, 0) << r.err;
+    // The untagged file is named after itself; "/" in a value is not a folder.
+    EXPECT_EQ(r.out, "03 - Song\n11 - Day:Night Live\nplain\n");
+
+    // Literal text of the template keeps its "/"; missing values take their
+    // stand-ins or vanish with their group.
+    const Outcome folders =
+        velvox("name --scheme " + shellQuote("{trackArtist}/{albumTitle}/{trackTotal of }x") + " " +
+               shellQuote(song_) + " " + shellQuote(plain_));
+    EXPECT_EQ(folders.out, "The Band/Unknown Album/12 of x\nUnknown Artist/Unknown Album/x\n");
+}
+
+TEST_F(NameCommandTest, SetChangesThePreferencesTheExpansionReads) {
+    const std::string expected = "3 - Song\n11 - Day:Night Live\nplain\n";
+    EXPECT_EQ(
+        velvox("--set useTwoDigitNumbers=false name --scheme " + kTrackScheme + " " + files_).out,
+        expected);
+    EXPECT_EQ(
+        velvox("name --scheme " + kTrackScheme + " --set useTwoDigitNumbers=false " + files_).out,
+        expected);
+    EXPECT_EQ(velvox("name --scheme " + kTrackScheme + " " + files_ + " --set " +
+                     shellQuote("useTwoDigitNumbers=false"))
+                  .out,
+              expected);
+
+    // Windows-safe names with the user's replacement text.
+    EXPECT_EQ(velvox("name --set createWindowsSafeFilenames=true --set "
+                     "replaceInvalidCharactersWith=- --scheme " +
+                     kTrackScheme + " " + shellQuote(live_))
+                  .out,
+              "11 - Day-Night Live\n");
+
+    // Without --scheme the saved naming scheme is used; a text value that is
+    // not JSON is taken as it stands.
+    EXPECT_EQ(velvox("--set " + shellQuote("customNamingScheme={trackArtist} - {trackTitle}") +
+                     " name " + shellQuote(song_))
+                  .out,
+              "The Band - Song\n");
+}
+
+TEST_F(NameCommandTest, FormatFillsTheOutputSpecifiers) {
+    const std::string scheme = shellQuote("{trackTitle}{ [outputFormat]}{ (encodingFormat)}");
+    EXPECT_EQ(velvox("name --scheme " + scheme + " " + shellQuote(song_)).out, "Song\n");
+    EXPECT_EQ(velvox("name --scheme " + scheme + " --format flac:level=8 " + shellQuote(song_)).out,
+              "Song [FLAC] (Compression Level 8)\n");
+    EXPECT_EQ(velvox("name --scheme " + shellQuote("{outputFormat} {bitrate}") +
+                     " --format mp3:bitrate=320 " + shellQuote(song_))
+                  .out,
+              "MP3 320.00 kbps\n");
+    // A number picks a saved format: the registered default is FLAC level 5.
+    EXPECT_EQ(velvox("name --scheme " + scheme + " --format 1 " + shellQuote(song_)).out,
+              "Song [FLAC] (Compression Level 5)\n");
+
+    const Outcome bad = velvox("name --scheme " + scheme + " --format flac:lvl=5 " + files_);
+    EXPECT_EQ(bad.exitCode, 2);
+    EXPECT_EQ(bad.out, "");
+    EXPECT_NE(bad.err.find("unknown key 'lvl' in 'flac:lvl=5'"), std::string::npos) << bad.err;
+    EXPECT_EQ(velvox("name --scheme x --format 7 " + files_).exitCode, 2);
+}
+
+TEST_F(NameCommandTest, AMissingFileFailsWithoutStoppingTheOthers) {
+    const std::string missing = dir_.file("missing.flac");
+    const Outcome r = velvox("name --scheme " + kTrackScheme + " " + shellQuote(missing) + " " +
+                             shellQuote(song_));
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_EQ(r.out, "03 - Song\n");
+    EXPECT_NE(r.err.find(missing), std::string::npos) << r.err;
+    EXPECT_EQ(velvox("name --scheme x").exitCode, 2); // no files
+}
