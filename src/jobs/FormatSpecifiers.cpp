@@ -360,6 +360,13 @@ void FormatSpecifiers::removeFormatSpecifier(std::string& text, std::string_view
     removeFormatSpecifier(text, specifier, Range{0, text.size()});
 }
 
+void FormatSpecifiers::installAsFilenamePatternExpander() {
+    AudioMetadata::setFilenamePatternExpander(
+        [](const std::string& pattern, const AudioMetadata& metadata, const std::string& path) {
+            return expandFormatSpecifiers(pattern, &metadata, nullptr, path, true);
+        });
+}
+
 std::string expandFormatSpecifiers(const std::optional<std::string>& templ,
                                    const AudioMetadata* metadata, const EncoderSettings* settings,
                                    const std::optional<std::string>& inputPath,

@@ -56,16 +56,17 @@ public:
 
     // Hands the expansion to the metadata reader, which names picture files
     // beside the source with a template but cannot depend on this subsystem.
-    // Defined inline below, so that only a program that installs it needs the
-    // reader linked in.
     static void installAsFilenamePatternExpander();
 };
 
 // Expands a naming template against one file. An absent or empty template
-// means "{sourceFilename}". Without metadata, settings or an input path the
-// specifiers that need them count as missing. With sanitizeValues every value
-// (never the template's own text) goes through safeFilename, as it must when
-// the result names a file; comment and playlist texts keep values verbatim.
+// means "{sourceFilename}". Any of metadata, settings and input path may be
+// missing: their specifiers then count as missing (the artist, album and
+// composer defaults still apply, and the output rate and channels are the
+// source's, as they are for settings that keep the source's). With
+// sanitizeValues every value (never the template's own text) goes through
+// safeFilename, as it must when the result names a file; comment and playlist
+// texts keep values verbatim.
 std::string expandFormatSpecifiers(const std::optional<std::string>& templ,
                                    const AudioMetadata* metadata, const EncoderSettings* settings,
                                    const std::optional<std::string>& inputPath,
@@ -80,12 +81,5 @@ std::string safeFilename(const std::string& name);
 // The path itself when nothing is there yet, else the first free
 // "name 2.ext", "name 3.ext", ... in the same folder.
 std::string uniquePathForPath(const std::string& path);
-
-inline void FormatSpecifiers::installAsFilenamePatternExpander() {
-    AudioMetadata::setFilenamePatternExpander(
-        [](const std::string& pattern, const AudioMetadata& metadata, const std::string& path) {
-            return expandFormatSpecifiers(pattern, &metadata, nullptr, path, true);
-        });
-}
 
 } // namespace velvox

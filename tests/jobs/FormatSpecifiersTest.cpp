@@ -7,6 +7,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <stb_image_write.h>
 
 #include "jobs/EncoderSettings.h"
 #include "platform/UserDefaults.h"
@@ -535,6 +536,45 @@ TEST_F(FormatSpecifiersTest, ArbitraryTemplatesTerminateWithWellFormedGroups) {
         const std::string out = expand(templ, &m);
         EXPECT_EQ(out.find("2001Q"), std::string::npos) << out;
     }
+}
+
+// ---- The metadata reader's picture-file names --------------------------------
+
+void appendBytes(void* context, void* data, int size) {
+    auto* out = static_cast<std::vector<uint8_t>*>(context);
+    out->insert(out->end(), static_cast<uint8_t*>(data), static_cast<uint8_t*>(data) + size);
+}
+
+TEST_F(FormatSpecifiersTest, PictureFileNamesBesideTheSourceAreExpanded) {
+    if (!test::haveTool("flac"))
+        GTEST_SKIP() << "flac not installed";
+    test::TempDir dir;
+    const std::string wav = dir.file("in.wav");
+    test::writeWav(wav, test::makeSignal(4410, 2, 16), 2, 44100, 16);
+    const std::string source = dir.file("Source.flac");
+    ASSERT_EQ(test::runCommand("flac -s -f --tag=ALBUM=Blue/Note -o " + test::shellQuote(source) +
+                               " " + test::shellQuote(wav))
+                  .exitCode,
+              0);
+    // The album's slash is a value's slash: made safe, not a folder.
+    std::vector<uint8_t> png;
+    const std::vector<uint8_t> pixels(4 * 4 * 3, 200);
+    ASSERT_TRUE(stbi_write_png_to_func(appendBytes, &png, 4, 4, 3, pixels.data(), 4 * 3));
+    test::writeFile(dir.file("Blue:Note cover.png"), png);
+    set("readAlbumArtworkFromFile", true);
+    set("readAlbumArtworkFileName", "{albumTitle} cover.*");
+
+    // Without the expansion the template is taken as a file name and
+    // matches nothing.
+    AudioMetadata::setFilenamePatternExpander({});
+    EXPECT_EQ(AudioMetadata::metadataFromFile(source)->albumArtwork(), nullptr);
+
+    FormatSpecifiers::installAsFilenamePatternExpander();
+    const auto metadata = AudioMetadata::metadataFromFile(source);
+    AudioMetadata::setFilenamePatternExpander({});
+    ASSERT_NE(metadata->albumArtwork(), nullptr);
+    EXPECT_EQ(metadata->albumArtwork()->originalFilename(), "Blue:Note cover.png");
+    EXPECT_EQ(metadata->albumArtwork()->width(), 4);
 }
 
 // ---- Collisions -------------------------------------------------------------
