@@ -38,7 +38,7 @@ public:
         using std::invalid_argument::invalid_argument;
     };
 
-    // The settings the SPEC describes, enabled, with the defaults of its type
+    // The settings the format text describes, enabled, with the defaults of its type
     // for every key it leaves out. Throws UsageError.
     static std::unique_ptr<EncoderSettings> parse(const std::string& text);
 
