@@ -1,0 +1,421 @@
+#include "encoders/StreamEncodeOperation.h"
+
+#include <algorithm>
+#include <exception>
+#include <filesystem>
+#include <functional>
+#include <new>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include "core/KDChannelMixer.h"
+#include "core/UtilityFunctions.h"
+#include "platform/AudioConverter.h"
+#include "platform/ErrorLog.h"
+#include "platform/Exception.h"
+#include "platform/StringFormat.h"
+#include "platform/UserDefaults.h"
+
+namespace velvox {
+
+namespace {
+
+// Runs a task when the scope is left, however it is left; run() does it early.
+class ScopeExit {
+public:
+    explicit ScopeExit(std::function<void()> task) : task_(std::move(task)) {}
+    ~ScopeExit() { run(); }
+    ScopeExit(const ScopeExit&) = delete;
+    ScopeExit& operator=(const ScopeExit&) = delete;
+    void run() {
+        if (auto task = std::exchange(task_, nullptr))
+            task();
+    }
+
+private:
+    std::function<void()> task_;
+};
+
+// The layout a channel count means when nothing else is known.
+AudioChannelLayoutTag layoutTagForChannelCount(uint32_t channels) {
+    switch (channels) {
+    case 1:
+        return kAudioChannelLayoutTag_Mono;
+    case 2:
+        return kAudioChannelLayoutTag_Stereo;
+    case 3:
+        return kAudioChannelLayoutTag_MPEG_3_0_A;
+    case 4:
+        return kAudioChannelLayoutTag_Quadraphonic;
+    case 5:
+        return kAudioChannelLayoutTag_MPEG_5_0_A;
+    case 6:
+        return kAudioChannelLayoutTag_MPEG_5_1_A;
+    default:
+        return kAudioChannelLayoutTag_Unknown;
+    }
+}
+
+std::vector<uint8_t> allocateBuffer(size_t bytes) {
+    try {
+        return std::vector<uint8_t>(bytes, 0);
+    } catch (const std::bad_alloc&) {
+        VLX_ASSERT(false, "Could Not Allocate Buffer.");
+    }
+    return {};
+}
+
+} // namespace
+
+StreamEncodeOperation::StreamEncodeOperation() = default;
+StreamEncodeOperation::~StreamEncodeOperation() = default;
+
+// ---- Hooks with a common answer ----
+
+std::string StreamEncodeOperation::decoderFailedText() const {
+    return formatWord() + " Encode Operation Aborting.  Could Not Initialize Decoder For: %@";
+}
+
+std::string StreamEncodeOperation::decoderExceptionText() const {
+    return formatWord() +
+           " Encode Operation Aborting.  Could Not Initialize Decoder For: %@ Error: %@";
+}
+
+std::string StreamEncodeOperation::encodeFailedText() const {
+    return formatWord() + " Encode Operation Failed To Encode File: %@.  Error:%@";
+}
+
+std::unique_ptr<KDDecoder> StreamEncodeOperation::makeDecoder() {
+    return KDDecoder::decoderWithFilename(inFilePath());
+}
+
+uint32_t StreamEncodeOperation::readBufferSize(uint32_t decoderBitsPerChannel) const {
+    switch (decoderBitsPerChannel) {
+    case 16:
+        return 65536;
+    case 8:
+    case 24:
+        return 32768;
+    default:
+        return 0;
+    }
+}
+
+uint32_t
+StreamEncodeOperation::outputBitsPerChannel(const AudioStreamBasicDescription& decodeFormat) const {
+    const uint32_t bitDepth = settings() ? settings()->bitDepth() : 0;
+    return bitDepth != 0 ? bitDepth : decodeFormat.mBitsPerChannel;
+}
+
+double
+StreamEncodeOperation::outputSampleRate(const AudioStreamBasicDescription& decodeFormat) const {
+    const int64_t sampleRate = settings() ? settings()->sampleRate() : 0;
+    return sampleRate != 0 ? double(sampleRate) : decodeFormat.mSampleRate;
+}
+
+// ---- The loop ----
+
+void StreamEncodeOperation::main() {
+    std::shared_ptr<EncoderSettings> encoderSettings = settings();
+    if (encoderSettings && encoderSettings->encoderAction() == EncoderActionUpdateMetadata) {
+        updateMetadataOnly();
+        return;
+    }
+    const std::string formatDescription =
+        encoderSettings ? encoderSettings->outputFormatDescription() : std::string();
+    setCurrentStatus(stringWithFormat("Preparing To Encode %@", formatDescription));
+    if (!determineOutputPath())
+        return;
+    setCurrentFrame(-1);
+
+    sourceBitsPerChannel_ = 0;
+    sourceSampleRate_ = 0;
+    try {
+        _decoder = makeDecoder();
+    } catch (const std::exception& e) {
+        ErrorLog::sharedController().logMessage(
+            stringWithFormat(decoderExceptionText(), inFilePath(), std::string(e.what())));
+        onMainThread([this] { completeOperation(); });
+        return;
+    }
+    if (!_decoder) {
+        ErrorLog::sharedController().logMessage(
+            stringWithFormat(decoderFailedText(), inFilePath()));
+        onMainThread([this] { completeOperation(); });
+        return;
+    }
+
+    bool encoded = false;
+    try {
+        encodeFile(formatDescription);
+        encoded = true;
+    } catch (const std::exception& e) {
+        logFailure(encodeFailedText(), e.what());
+    } catch (...) {
+        logFailure(encodeFailedText(), "Unknown Exception");
+    }
+    // The decoder holds its input open; a finished job has no use for it.
+    _decoder.reset();
+
+    if (encoded && success()) {
+        try {
+            moveToOutputLocation();
+        } catch (const std::exception& e) {
+            logFailure(moveFailedText(), e.what());
+        } catch (...) {
+            logFailure(moveFailedText(), "Unknown Exception");
+        }
+    }
+    onMainThread([this] { completeOperation(); });
+}
+
+void StreamEncodeOperation::logFailure(const std::string& format, const std::string& description) {
+    setSuccess(false);
+    ErrorLog::sharedController().logMessage(
+        stringWithFormat(format, inputDisplayName(), description));
+    removeTemporaryFilesAfterFailure();
+}
+
+// A failed encode leaves nothing behind: the half-written temporary file and
+// any decoded copy of the input would otherwise stay in the temporary folder
+// for good, since nothing moves or deletes them later.
+void StreamEncodeOperation::removeTemporaryFilesAfterFailure() {
+    std::error_code ec;
+    if (const auto temp = tempFilePath())
+        std::filesystem::remove(*temp, ec);
+    if (const auto decoded = decodeFilePath())
+        std::filesystem::remove(*decoded, ec);
+}
+
+void StreamEncodeOperation::chooseDecoder() {
+    if (_decoder->decodesInRealTime())
+        return;
+    // A decoder that cannot keep up with the encoder decodes the whole input
+    // to a WAVE file first, which is then read instead.
+    const std::string path = getTemporaryFilePath("wav");
+    setDecodeFilePath(path);
+    _decoder->setDelegate(this);
+    if (_decoder->decodeToFile(path)) {
+        // Should the decoded file not open, the first decoder is still good.
+        if (auto decoded = KDDecoder::decoderWithFilename(path))
+            _decoder = std::move(decoded);
+    }
+}
+
+void StreamEncodeOperation::chooseTargetChannels(const AudioStreamBasicDescription& decodeFormat) {
+    const int32_t channelMode = settings() ? settings()->channelMode() : 0;
+    if (mixesChannels() && channelMode == 1) {
+        targetChannels_ = 2;
+        targetLayoutTag_ = kAudioChannelLayoutTag_Stereo;
+    } else if (mixesChannels() && channelMode == 3) {
+        targetChannels_ = 1;
+        targetLayoutTag_ = kAudioChannelLayoutTag_Mono;
+    } else {
+        targetChannels_ = decodeFormat.mChannelsPerFrame;
+        targetLayoutTag_ = layoutTagForChannelCount(targetChannels_);
+    }
+}
+
+OSStatus StreamEncodeOperation::converterInput(uint32_t& ioNumberDataPackets,
+                                               AudioBufferList& ioData) {
+    AudioBuffer& buffer = _converter_currentBuffer.mBuffers[0];
+    buffer.mNumberChannels = _converter_currentInputDescription.mChannelsPerFrame;
+    buffer.mDataByteSize = converterReadBufferSize_;
+    const uint32_t frames =
+        converterReadBufferSize_ / _converter_currentInputDescription.mBytesPerFrame;
+    uint32_t delivered = _decoder->readAudio(&_converter_currentBuffer, frames);
+    // To the converter, an empty answer means the input has ended: it drains
+    // its resampling filter and stops asking. Some decoders (one compressed
+    // packet per fill) return no frames now and then before their end, and
+    // if that reached the converter the filter's history would be flushed
+    // into the middle of the stream and the samples inside it lost, leaving a
+    // click and a short file. So ask again until frames come, the decoder
+    // says it has ended, or the user gives up.
+    while (delivered == 0 && !_decoder->isEndOfFile() && !isCancelled()) {
+        buffer.mDataByteSize = converterReadBufferSize_;
+        delivered = _decoder->readAudio(&_converter_currentBuffer, frames);
+    }
+    ioData.mNumberBuffers = 1;
+    ioData.mBuffers.assign(1, buffer);
+    ioNumberDataPackets = delivered;
+    return noErr;
+}
+
+void StreamEncodeOperation::encodeFile(const std::string& formatDescription) {
+    chooseDecoder();
+    KDDecoder& decoder = *_decoder;
+    const AudioStreamBasicDescription inputFormat = decoder.decodeFormat();
+    const uint32_t decoderChannels = inputFormat.mChannelsPerFrame;
+
+    sourceBitsPerChannel_ = outputBitsPerChannel(inputFormat);
+    sourceSampleRate_ = outputSampleRate(inputFormat);
+    chooseTargetChannels(inputFormat);
+
+    const uint32_t readSize = readBufferSize(inputFormat.mBitsPerChannel);
+    if (readSize == 0)
+        throw Exception("IllegalInputException",
+                        stringWithFormat(unsupportedSampleSizeText(), inputFormat.mBitsPerChannel));
+    VLX_ASSERT(inputFormat.mBytesPerFrame > 0, "Invalid Audio Input (0 Bytes Per Frame)");
+    std::vector<uint8_t> readBuffer = allocateBuffer(readSize);
+    AudioBufferList readList =
+        AudioBufferList::single(readBuffer.data(), readSize, decoderChannels);
+
+    int64_t framesExpected = decoder.totalFrames();
+    if (inputFormat.mSampleRate != 0)
+        framesExpected =
+            int64_t(double(decoder.totalFrames()) * (sourceSampleRate_ / inputFormat.mSampleRate));
+    setTotalFrames(framesExpected);
+    int64_t framesLeft = framesExpected;
+
+    const std::string temporaryPath = getTemporaryFilePath();
+    setTempFilePath(temporaryPath);
+    ScopeExit releaseTheCodec([this] { releaseCodec(); });
+    setUpCodec(temporaryPath);
+
+    AudioStreamBasicDescription outputFormat = inputFormat;
+    outputFormat.mBitsPerChannel = sourceBitsPerChannel_;
+    outputFormat.mSampleRate = sourceSampleRate_;
+    outputFormat.mFramesPerPacket = 1;
+    outputFormat.mBytesPerFrame = outputFormat.mBytesPerPacket =
+        (sourceBitsPerChannel_ / 8) * decoderChannels;
+    adjustOutputFormat(outputFormat);
+    const uint32_t sampleBytes = outputFormat.mBitsPerChannel / 8;
+
+    std::unique_ptr<AudioConverter> converter;
+    if (outputFormat.mBitsPerChannel != inputFormat.mBitsPerChannel ||
+        outputFormat.mSampleRate != inputFormat.mSampleRate ||
+        outputFormat.mFormatFlags != inputFormat.mFormatFlags) {
+        converter = AudioConverter::create(inputFormat, outputFormat);
+        VLX_ASSERT(converter != nullptr, "Could Not Create An Audio Converter.");
+        // libsoxr's best recipe stands for the mastering-grade converter.
+        converter->setSampleRateConverterQuality(kAudioConverterQuality_Max);
+        _converter_currentInputDescription = inputFormat;
+        _converter_currentBuffer =
+            AudioBufferList::single(readBuffer.data(), readSize, decoderChannels);
+        converterReadBufferSize_ = readSize;
+    }
+
+    std::unique_ptr<KDChannelMixer> mixer;
+    if (mixesChannels()) {
+        const AudioChannelLayout* sourceLayout = decoder.channelLayout();
+        // A decoder that cannot name its channels gets the usual layout of
+        // its channel count when the channel count has to change; otherwise
+        // its chunks would reach a codec set up for another count.
+        std::unique_ptr<AudioChannelLayout> assumedLayout;
+        if ((!sourceLayout || sourceLayout->mChannelLayoutTag == kAudioChannelLayoutTag_Unknown) &&
+            decoderChannels != targetChannels_) {
+            assumedLayout = createChannelLayoutWithTag(layoutTagForChannelCount(decoderChannels));
+            sourceLayout = assumedLayout.get();
+        }
+        if (sourceLayout && sourceLayout->mChannelLayoutTag != kAudioChannelLayoutTag_Unknown &&
+            sourceLayout->mChannelLayoutTag != targetLayoutTag_) {
+            AudioStreamBasicDescription mixedFormat = outputFormat;
+            mixedFormat.mChannelsPerFrame = targetChannels_;
+            mixedFormat.mBytesPerFrame = mixedFormat.mBytesPerPacket =
+                sampleBytes * targetChannels_;
+            mixer = KDChannelMixer::create(outputFormat, mixedFormat, *sourceLayout,
+                                           *createChannelLayoutWithTag(targetLayoutTag_));
+            // There is no mix map to a layout without speaker names (seven or
+            // more channels) nor from some exotic layouts. With the channel
+            // count unchanged the channels go to the codec as they are;
+            // otherwise there is no right way to fold them.
+            VLX_ASSERT(mixer != nullptr || decoderChannels == targetChannels_,
+                       "Could Not Create A Channel Mixer From %u To %u Channels.", decoderChannels,
+                       targetChannels_);
+        }
+    }
+
+    setCurrentStatus(stringWithFormat("Encoding %@", formatDescription));
+
+    const uint32_t framesToRead = readSize / inputFormat.mBytesPerFrame;
+    const uint32_t checkInterval = std::max<uint32_t>(1, cancelCheckInterval());
+    const AudioConverter::InputDataProc input = [this](uint32_t& packets, AudioBufferList& list) {
+        return converterInput(packets, list);
+    };
+    std::vector<uint8_t> convertedBuffer;
+    std::vector<uint8_t> mixedBuffer;
+    uint64_t chunkCount = 1;
+    for (;;) {
+        readList.mBuffers[0].mNumberChannels = decoderChannels;
+        readList.mBuffers[0].mDataByteSize = readSize;
+
+        uint32_t frames = 0;
+        AudioBufferList convertedList;
+        const AudioBufferList* chunk = &readList;
+        if (!converter) {
+            frames = decoder.readAudio(&readList, framesToRead);
+        } else {
+            const uint32_t bytes = framesToRead * outputFormat.mBytesPerFrame;
+            if (convertedBuffer.size() != bytes)
+                convertedBuffer = allocateBuffer(bytes);
+            convertedList = AudioBufferList::single(convertedBuffer.data(), bytes, decoderChannels);
+            uint32_t packets = bytes / outputFormat.mBytesPerFrame;
+            const OSStatus status = converter->fillComplexBuffer(input, packets, convertedList);
+            VLX_ASSERT(status == noErr, "AudioConverterFillComplexBuffer");
+            frames = convertedList.mBuffers[0].mDataByteSize / outputFormat.mBytesPerFrame;
+            chunk = &convertedList;
+        }
+
+        if (decoder.isEndOfFile() && frames == 0)
+            break;
+        if (frames == 0) {
+            // The decoder is still filling its buffer: ask again, without
+            // counting a chunk.
+            if (converter)
+                converter->reset();
+            // A decoder that never delivers again must not hold a job the
+            // user has cancelled.
+            if (isCancelled())
+                break;
+            continue;
+        }
+
+        if (mixer) {
+            const size_t bytes = size_t(frames) * targetChannels_ * sampleBytes;
+            if (mixedBuffer.size() < bytes)
+                mixedBuffer = allocateBuffer(bytes);
+            AudioBufferList mixedList =
+                AudioBufferList::single(mixedBuffer.data(), uint32_t(bytes), targetChannels_);
+            const OSStatus status = mixer->mixFrom(chunk, &mixedList, frames);
+            VLX_ASSERT(status == noErr, "Channel Mixer Failed: %@", fourCharCodeString(status));
+            encodeChunk(mixedList, frames);
+        } else {
+            encodeChunk(*chunk, frames);
+        }
+
+        framesLeft -= frames;
+        if (chunkCount % checkInterval == 0) {
+            if (isCancelled())
+                break;
+            setCurrentFrame(totalFrames() - framesLeft);
+            const float percent = float(currentFrame()) / float(totalFrames()) * 100.0f;
+            setCurrentStatus(
+                stringWithFormat("Encoding %@ - %0.1f%%", formatDescription, double(percent)));
+        }
+        ++chunkCount;
+    }
+
+    finishCodec();
+    setSuccess(true);
+    releaseTheCodec.run();
+    mixer.reset();
+    converter.reset();
+    _converter_currentBuffer = AudioBufferList();
+
+    deletePartiallyEncodedFileIfCancelled();
+    if (UserDefaults::standardUserDefaults().boolForKey("writeMetadata")) {
+        setCurrentStatus(stringWithFormat("%@ - Writing Metadata", inputDisplayName()));
+        onTaggingThread([this] { writeMetadata(); });
+    }
+}
+
+void StreamEncodeOperation::moveToOutputLocation() {
+    setCurrentStatus(stringWithFormat("%@ - Moving To Output Location", inputDisplayName()));
+    moveEncodedFileToOutputLocation();
+    didMoveEncodedFile();
+    if (UserDefaults::standardUserDefaults().boolForKey("saveAlbumArtworkToFile"))
+        saveAlbumArtworkToFile();
+}
+
+} // namespace velvox
