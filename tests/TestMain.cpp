@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "decoders/DecoderRegistration.h"
+#include "encoders/EncoderRegistration.h"
 #include "platform/UserDefaults.h"
 
 int main(int argc, char** argv) {
@@ -20,6 +21,7 @@ int main(int argc, char** argv) {
     velvox::UserDefaults::resetStandardUserDefaults(root / "config/velvox/defaults.json");
 
     velvox::DecoderRegistration::registerAll();
+    velvox::EncoderRegistration::registerAll();
     testing::InitGoogleTest(&argc, argv);
     const int status = RUN_ALL_TESTS();
     std::error_code ec;

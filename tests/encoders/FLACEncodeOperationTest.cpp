@@ -1,0 +1,495 @@
+// The FLAC encoder end to end: real sources in, FLAC files out, checked with
+// the reference tools (flac decodes, metaflac reads the blocks and tags).
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <optional>
+#include <regex>
+#include <sstream>
+
+#include <FLAC/format.h>
+#include <gtest/gtest.h>
+
+#include "Version.h"
+#include "encoders/EncoderTestHarness.h"
+#include "encoders/FLACEncodeOperation.h"
+#include "metadata/AlbumArtwork.h"
+#include "platform/StringFormat.h"
+#include "support/TestSupport.h"
+
+using namespace velvox;
+namespace fs = std::filesystem;
+
+namespace {
+
+// Points the temporary folder somewhere empty for one test, so that what an
+// operation leaves behind there can be seen.
+class PrivateTemporaryFolder {
+public:
+    PrivateTemporaryFolder() {
+        if (const char* old = std::getenv("TMPDIR"))
+            saved_ = old;
+        setenv("TMPDIR", dir_.path().c_str(), 1);
+    }
+    ~PrivateTemporaryFolder() {
+        if (saved_)
+            setenv("TMPDIR", saved_->c_str(), 1);
+        else
+            unsetenv("TMPDIR");
+    }
+    bool isEmpty() const { return fs::is_empty(dir_.path()); }
+
+private:
+    test::TempDir dir_;
+    std::optional<std::string> saved_;
+};
+
+// Counts the chunks it encodes and can cancel itself at one of them.
+class CountingFLACEncodeOperation : public FLACEncodeOperation {
+public:
+    void encodeChunk(const AudioBufferList& list, uint32_t frames) override {
+        FLACEncodeOperation::encodeChunk(list, frames);
+        if (++chunks == cancelAtChunk)
+            cancel();
+    }
+    int chunks = 0;
+    int cancelAtChunk = -1;
+};
+
+class FLACEncodeOperationTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        for (const char* tool : {"flac", "metaflac", "sox"})
+            if (!test::haveTool(tool))
+                GTEST_SKIP() << tool << " is not installed";
+        prefs.set("outputSameAsSource", false);
+        prefs.set("destinationDirectory", dir.file("out"));
+        prefs.set("writeMetadata", true);
+        prefs.set("writeEncodedByMetadataTag", true);
+        prefs.set("writeFormatStringToComments", false);
+        prefs.set("saveAlbumArtworkToFile", false);
+        prefs.set("overwriteOutputFiles", false);
+        settings = std::make_shared<EncoderSettings>();
+        settings->setEncoderType(EncoderTypeFLAC);
+        settings->setExtension("flac");
+        settings->setFlacCompressionLevel(5);
+    }
+
+    // Encodes `in` and returns the operation once it has finished. Without
+    // a record the tags are read from the source.
+    template <typename Operation = FLACEncodeOperation>
+    std::unique_ptr<Operation>
+    encode(const std::string& in,
+           std::shared_ptr<AudioMetadata> metadata = std::make_shared<AudioMetadata>()) {
+        auto op = std::make_unique<Operation>();
+        op->initWithFilePath(in, in);
+        op->setSettings(settings);
+        op->setDelegate(&batch);
+        if (metadata)
+            op->setMetadata(std::move(metadata));
+        test::runToEnd(*op);
+        return op;
+    }
+
+    std::string outPathFor(const std::string& stem) const {
+        return dir.file("out/" + stem + ".flac");
+    }
+
+    // The file's PCM as flac itself decodes it: little-endian signed samples.
+    std::vector<uint8_t> decoded(const std::string& flacPath) const {
+        const std::string raw = dir.file("decoded.raw");
+        const auto r = test::runCommand("flac -d -s -f --force-raw-format --endian=little "
+                                        "--sign=signed -o " +
+                                        test::shellQuote(raw) + " " + test::shellQuote(flacPath));
+        EXPECT_EQ(r.exitCode, 0) << "flac could not decode " << flacPath;
+        auto bytes = test::readFile(raw);
+        fs::remove(raw);
+        return bytes;
+    }
+
+    std::string metaflac(const std::string& arguments, const std::string& path) const {
+        return test::runCommand("metaflac " + arguments + " " + test::shellQuote(path)).output;
+    }
+    int64_t metaflacNumber(const std::string& option, const std::string& path) const {
+        return std::stoll(metaflac(option, path));
+    }
+    std::vector<uint64_t> seekPoints(const std::string& path) const {
+        std::vector<uint64_t> points;
+        const std::string listing = metaflac("--list --block-type=SEEKTABLE", path);
+        const std::regex point(R"(point \d+: sample_number=(\d+))");
+        for (std::sregex_iterator it(listing.begin(), listing.end(), point), end; it != end; ++it)
+            points.push_back(std::stoull((*it)[1]));
+        return points;
+    }
+
+    test::TempDir dir;
+    test::Preferences prefs;
+    test::Batch batch;
+    std::shared_ptr<EncoderSettings> settings;
+};
+
+size_t occurrences(const std::string& text, const std::string& what) {
+    size_t n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
+        ++n;
+    return n;
+}
+
+std::vector<int32_t> samplesFrom(const std::vector<uint8_t>& bytes, uint32_t bits) {
+    const size_t width = bits / 8;
+    std::vector<int32_t> samples(bytes.size() / width);
+    for (size_t i = 0; i < samples.size(); ++i) {
+        uint32_t u = 0;
+        for (size_t b = 0; b < width; ++b)
+            u |= uint32_t(bytes[i * width + b]) << (8 * b);
+        const int shift = int(32 - bits);
+        samples[i] = int32_t(u << shift) >> shift;
+    }
+    return samples;
+}
+
+} // namespace
+
+TEST_F(FLACEncodeOperationTest, SourcesOfEverySampleSizeAndLayoutDecodeBitExactly) {
+    struct Case {
+        const char* name;
+        uint32_t channels, bits, rate, mask;
+        const char* container; // wav, aiff or flac
+    } cases[] = {
+        {"stereo16", 2, 16, 44100, 0, "wav"}, {"surround24", 6, 24, 48000, 0x3F, "wav"},
+        {"mono16", 1, 16, 22050, 0, "aiff"},  {"stereo24", 2, 24, 96000, 0, "flac"},
+        {"mono8", 1, 8, 8000, 0, "wav"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const auto signal = test::makeSignal(c.rate * 2 + 123, c.channels, c.bits, c.channels);
+        const std::string wav = dir.file(std::string(c.name) + "-source.wav");
+        test::writeWav(wav, signal, c.channels, c.rate, c.bits, c.mask);
+        std::string source = dir.file(std::string(c.name) + "." + c.container);
+        if (std::string(c.container) == "aiff")
+            ASSERT_EQ(
+                test::runCommand("sox " + test::shellQuote(wav) + " " + test::shellQuote(source))
+                    .exitCode,
+                0);
+        else if (std::string(c.container) == "flac")
+            ASSERT_EQ(test::runCommand("flac -s -f -o " + test::shellQuote(source) + " " +
+                                       test::shellQuote(wav))
+                          .exitCode,
+                      0);
+        else
+            source = wav;
+
+        test::LogWatch log;
+        auto op = encode(source);
+        ASSERT_TRUE(op->success()) << testing::PrintToString(log.lines());
+        const std::string out = outPathFor(fs::path(source).stem().string());
+        ASSERT_EQ(op->outFilePath(), out);
+        EXPECT_EQ(metaflacNumber("--show-channels", out), c.channels);
+        EXPECT_EQ(metaflacNumber("--show-bps", out), c.bits);
+        EXPECT_EQ(metaflacNumber("--show-sample-rate", out), c.rate);
+        EXPECT_EQ(metaflacNumber("--show-total-samples", out), c.rate * 2 + 123);
+        EXPECT_TRUE(test::sameBytes(decoded(out), test::packLittleEndian(signal, c.bits)));
+    }
+}
+
+TEST_F(FLACEncodeOperationTest, SeekPointsEveryTenSecondsAndPadding) {
+    // Tags would take their room out of the padding; without them it is whole.
+    prefs.set("writeMetadata", false);
+    struct Case {
+        double seconds;
+        std::vector<uint64_t> targets;
+    } cases[] = {{25.0, {0, 441000, 882000}}, {9.9, {0}}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.seconds);
+        const std::string in = dir.file("long" + std::to_string(int(c.seconds * 10)) + ".wav");
+        test::writeWav(in, test::makeSignal(uint32_t(c.seconds * 44100), 1, 16), 1, 44100, 16);
+        auto op = encode(in);
+        ASSERT_TRUE(op->success());
+        const std::string out = *op->outFilePath();
+        // libFLAC moves each point to the start of the frame holding its
+        // target sample (frames of 4096 samples at level 5).
+        const std::vector<uint64_t> points = seekPoints(out);
+        ASSERT_EQ(points.size(), c.targets.size());
+        for (size_t k = 0; k < points.size(); ++k) {
+            EXPECT_LE(points[k], c.targets[k]);
+            EXPECT_LT(c.targets[k], points[k] + 4096);
+        }
+        const std::string padding = metaflac("--list --block-type=PADDING", out);
+        EXPECT_NE(padding.find("length: 8192\n"), std::string::npos) << padding;
+    }
+}
+
+TEST_F(FLACEncodeOperationTest, LevelAboveEightWritesOnlyVerbatimSubframes) {
+    const auto signal = test::makeSignal(44100, 2, 16);
+    const std::string in = dir.file("verbatim.wav");
+    test::writeWav(in, signal, 2, 44100, 16);
+
+    auto subframeTypes = [&](const std::string& flacPath) {
+        const std::string analysis = dir.file("analysis.ana");
+        EXPECT_EQ(test::runCommand("flac -a -s -f -o " + test::shellQuote(analysis) + " " +
+                                   test::shellQuote(flacPath))
+                      .exitCode,
+                  0);
+        const auto bytes = test::readFile(analysis);
+        const std::string text(bytes.begin(), bytes.end());
+        std::map<std::string, int> types;
+        const std::regex type(R"(type=([A-Z_]+))");
+        for (std::sregex_iterator it(text.begin(), text.end(), type), end; it != end; ++it)
+            ++types[(*it)[1]];
+        return types;
+    };
+
+    settings->setFlacCompressionLevel(5);
+    auto compressed = encode(in);
+    ASSERT_TRUE(compressed->success());
+    const std::string compressedPath = *compressed->outFilePath();
+    // The check can tell: a normal level uses predictors.
+    EXPECT_GT(subframeTypes(compressedPath).size(), 1u);
+
+    settings->setFlacCompressionLevel(9);
+    auto uncompressed = encode(in);
+    ASSERT_TRUE(uncompressed->success());
+    const std::string path = *uncompressed->outFilePath();
+    ASSERT_NE(path, compressedPath);
+    const auto types = subframeTypes(path);
+    ASSERT_EQ(types.size(), 1u) << testing::PrintToString(types);
+    EXPECT_EQ(types.begin()->first, "VERBATIM");
+    EXPECT_GT(fs::file_size(path), fs::file_size(compressedPath));
+    EXPECT_TRUE(test::sameBytes(decoded(path), test::packLittleEndian(signal, 16)));
+}
+
+TEST_F(FLACEncodeOperationTest, SampleRateSettingResamples) {
+    const std::string in = dir.file("rate.wav");
+    test::writeWav(in, test::makeSignal(88200, 2, 16), 2, 44100, 16);
+    settings->setSampleRate(48000);
+    auto op = encode(in);
+    ASSERT_TRUE(op->success());
+    const std::string out = *op->outFilePath();
+    EXPECT_EQ(metaflacNumber("--show-sample-rate", out), 48000);
+    EXPECT_NEAR(double(metaflacNumber("--show-total-samples", out)), 96000.0, 2.0);
+    EXPECT_EQ(op->totalFrames(), 96000);
+}
+
+TEST_F(FLACEncodeOperationTest, BitDepthSettingWidensExactlyAndNarrowsByRounding) {
+    {
+        SCOPED_TRACE("16 to 24");
+        const auto signal = test::makeSignal(30000, 2, 16);
+        const std::string in = dir.file("widen.wav");
+        test::writeWav(in, signal, 2, 44100, 16);
+        settings->setBitDepth(24);
+        auto op = encode(in);
+        ASSERT_TRUE(op->success());
+        EXPECT_EQ(metaflacNumber("--show-bps", *op->outFilePath()), 24);
+        std::vector<int32_t> widened(signal);
+        for (int32_t& s : widened)
+            s *= 256;
+        EXPECT_TRUE(
+            test::sameBytes(decoded(*op->outFilePath()), test::packLittleEndian(widened, 24)));
+    }
+    {
+        SCOPED_TRACE("16 to 32");
+        const auto signal = test::makeSignal(30000, 2, 16, 7);
+        const std::string in = dir.file("widest.wav");
+        test::writeWav(in, signal, 2, 44100, 16);
+        settings->setBitDepth(32);
+        auto op = encode(in);
+        ASSERT_TRUE(op->success());
+        EXPECT_EQ(metaflacNumber("--show-bps", *op->outFilePath()), 32);
+        std::vector<int32_t> widened(signal);
+        for (int32_t& s : widened)
+            s = int32_t(uint32_t(s) << 16);
+        EXPECT_TRUE(
+            test::sameBytes(decoded(*op->outFilePath()), test::packLittleEndian(widened, 32)));
+    }
+    {
+        SCOPED_TRACE("24 to 16");
+        const auto signal = test::makeSignal(30000, 2, 24);
+        const std::string in = dir.file("narrow.wav");
+        test::writeWav(in, signal, 2, 44100, 24);
+        settings->setBitDepth(16);
+        auto op = encode(in);
+        ASSERT_TRUE(op->success());
+        EXPECT_EQ(metaflacNumber("--show-bps", *op->outFilePath()), 16);
+        std::vector<int32_t> narrowed(signal.size());
+        for (size_t i = 0; i < signal.size(); ++i)
+            narrowed[i] = int32_t(std::clamp(std::nearbyint(signal[i] / 256.0), -32768.0, 32767.0));
+        EXPECT_TRUE(
+            test::sameBytes(decoded(*op->outFilePath()), test::packLittleEndian(narrowed, 16)));
+    }
+}
+
+TEST_F(FLACEncodeOperationTest, ChannelModeFoldsStereoToMonoAndCopiesMonoToStereo) {
+    {
+        SCOPED_TRACE("stereo to mono");
+        const auto signal = test::makeSignal(20000, 2, 16);
+        const std::string in = dir.file("fold.wav");
+        test::writeWav(in, signal, 2, 44100, 16);
+        settings->setChannelMode(3);
+        auto op = encode(in);
+        ASSERT_TRUE(op->success());
+        EXPECT_EQ(metaflacNumber("--show-channels", *op->outFilePath()), 1);
+        const auto mono = samplesFrom(decoded(*op->outFilePath()), 16);
+        ASSERT_EQ(mono.size(), 20000u);
+        for (size_t f = 0; f < mono.size(); f += 101) {
+            const double expected = 0.70710677 * (signal[2 * f] + signal[2 * f + 1]);
+            EXPECT_NEAR(mono[f], std::clamp(expected, -32768.0, 32767.0), 1.0) << "frame " << f;
+        }
+    }
+    {
+        SCOPED_TRACE("mono to stereo");
+        const auto signal = test::makeSignal(20000, 1, 16);
+        const std::string in = dir.file("spread.wav");
+        test::writeWav(in, signal, 1, 44100, 16);
+        settings->setChannelMode(1);
+        auto op = encode(in);
+        ASSERT_TRUE(op->success());
+        EXPECT_EQ(metaflacNumber("--show-channels", *op->outFilePath()), 2);
+        std::vector<int32_t> both;
+        for (int32_t s : signal)
+            both.insert(both.end(), {s, s});
+        EXPECT_TRUE(test::sameBytes(decoded(*op->outFilePath()), test::packLittleEndian(both, 16)));
+    }
+}
+
+TEST_F(FLACEncodeOperationTest, TagsAndOneFrontCoverAreWritten) {
+    if (!test::haveTool("ffmpeg"))
+        GTEST_SKIP() << "ffmpeg is not installed";
+    const std::string png = dir.file("cover.png");
+    ASSERT_EQ(test::runCommand("ffmpeg -v error -y -f lavfi -i color=c=red:s=16x16 -frames:v 1 " +
+                               test::shellQuote(png))
+                  .exitCode,
+              0);
+    auto artwork = std::make_shared<AlbumArtwork>();
+    artwork->setData(test::readFile(png));
+    ASSERT_EQ(artwork->mimeType(), "image/png");
+
+    auto record = std::make_shared<AudioMetadata>();
+    record->setTrackTitle("Tïtle \u2603");
+    record->setTrackArtist("Artist");
+    record->setTrackYear(2001);
+    record->setTrackComment("A comment");
+    record->setAlbumArtwork(artwork);
+
+    const std::string in = dir.file("tagged.wav");
+    test::writeWav(in, test::makeSignal(10000, 2, 16), 2, 44100, 16);
+    auto op = encode(in, record);
+    ASSERT_TRUE(op->success());
+    const std::string out = *op->outFilePath();
+
+    const std::string tags = metaflac("--export-tags-to=-", out);
+    EXPECT_NE(tags.find("TITLE=Tïtle \u2603\n"), std::string::npos) << tags;
+    EXPECT_NE(tags.find("ARTIST=Artist\n"), std::string::npos) << tags;
+    EXPECT_NE(tags.find("DATE=2001\n"), std::string::npos) << tags;
+    EXPECT_NE(tags.find("DESCRIPTION=A comment\n"), std::string::npos) << tags;
+    const std::string encodedBy = stringWithFormat("ENCODEDBY=FLAC %s via Velvox %s\n",
+                                                   FLAC__VERSION_STRING, kVelvoxShortVersion);
+    EXPECT_NE(tags.find(encodedBy), std::string::npos) << tags;
+    // The picture is a block of its own, not a comment field.
+    EXPECT_EQ(tags.find("METADATA_BLOCK_PICTURE"), std::string::npos);
+
+    const std::string pictures = metaflac("--list --block-type=PICTURE", out);
+    EXPECT_NE(pictures.find("type: 3 (Cover (front))"), std::string::npos) << pictures;
+    EXPECT_NE(pictures.find("MIME type: image/png"), std::string::npos) << pictures;
+    EXPECT_EQ(occurrences(pictures, "METADATA block #"), 1u) << pictures;
+    const std::string exported = dir.file("exported.png");
+    metaflac("--export-picture-to=" + test::shellQuote(exported), out);
+    EXPECT_TRUE(test::sameBytes(test::readFile(exported), test::readFile(png)));
+
+    // The user's comment template replaces the track comment; encoded-by can be off.
+    prefs.set("writeFormatStringToComments", true);
+    prefs.set("commentsFormatString", "Encoded {trackTitle}");
+    prefs.set("writeEncodedByMetadataTag", false);
+    auto second = encode(in, record);
+    ASSERT_TRUE(second->success());
+    const std::string secondTags = metaflac("--export-tags-to=-", *second->outFilePath());
+    EXPECT_NE(secondTags.find("DESCRIPTION=Encoded Tïtle \u2603\n"), std::string::npos)
+        << secondTags;
+    EXPECT_EQ(secondTags.find("ENCODEDBY="), std::string::npos) << secondTags;
+}
+
+TEST_F(FLACEncodeOperationTest, UpdatingMetadataOnlyRewritesTagsInPlace) {
+    const auto signal = test::makeSignal(10000, 2, 16);
+    const std::string wav = dir.file("update.wav");
+    test::writeWav(wav, signal, 2, 44100, 16);
+    const std::string flacFile = dir.file("update.flac");
+    ASSERT_EQ(test::runCommand("flac -s -f -o " + test::shellQuote(flacFile) + " " +
+                               test::shellQuote(wav))
+                  .exitCode,
+              0);
+    auto record = std::make_shared<AudioMetadata>();
+    record->setTrackTitle("New Title");
+    settings->setEncoderAction(EncoderActionUpdateMetadata);
+    auto op = encode(flacFile, record);
+    EXPECT_TRUE(op->success());
+    EXPECT_EQ(op->outFilePath(), flacFile);
+    EXPECT_NE(metaflac("--export-tags-to=-", flacFile).find("TITLE=New Title\n"),
+              std::string::npos);
+    EXPECT_TRUE(test::sameBytes(decoded(flacFile), test::packLittleEndian(signal, 16)));
+    EXPECT_FALSE(fs::exists(dir.file("out")));
+}
+
+TEST_F(FLACEncodeOperationTest, FloatSourceWithoutBitDepthIsRefusedAndLeavesNothing) {
+    const std::string in = dir.file("float.wav");
+    ASSERT_EQ(test::runCommand("sox -n -b 32 -e floating-point -r 44100 -c 2 " +
+                               test::shellQuote(in) + " synth 1 sine 440")
+                  .exitCode,
+              0);
+    PrivateTemporaryFolder temporary;
+    test::LogWatch log;
+    auto op = encode(in);
+    EXPECT_FALSE(op->success());
+    EXPECT_TRUE(log.contains("FLAC Encode Operation Failed To Encode File: float.wav.  "
+                             "Error:FLAC does not suport 32 bit input files."))
+        << testing::PrintToString(log.lines());
+    EXPECT_FALSE(fs::exists(outPathFor("float")));
+    EXPECT_TRUE(temporary.isEmpty());
+}
+
+TEST_F(FLACEncodeOperationTest, CancellingMidFileStopsWithinEightChunksAndLeavesNothing) {
+    const std::string in = dir.file("cancel.wav");
+    test::writeWav(in, test::makeSignal(44100 * 20, 2, 16), 2, 44100, 16);
+    PrivateTemporaryFolder temporary;
+    auto op = std::make_unique<CountingFLACEncodeOperation>();
+    op->cancelAtChunk = 2;
+    op->initWithFilePath(in, in);
+    op->setSettings(settings);
+    op->setDelegate(&batch);
+    op->setMetadata(std::make_shared<AudioMetadata>());
+    test::runToEnd(*op);
+    EXPECT_EQ(op->chunks, 8);
+    EXPECT_TRUE(op->isCancelled());
+    EXPECT_FALSE(fs::exists(outPathFor("cancel")));
+    EXPECT_TRUE(batch.created.empty());
+    EXPECT_TRUE(temporary.isEmpty());
+}
+
+TEST_F(FLACEncodeOperationTest, CorruptInputFailsWithTheDecoderText) {
+    const std::string in = dir.file("corrupt.flac");
+    std::vector<uint8_t> garbage(4096);
+    for (size_t i = 0; i < garbage.size(); ++i)
+        garbage[i] = uint8_t(i * 2654435761u >> 13);
+    test::writeFile(in, garbage);
+    test::LogWatch log;
+    auto op = encode(in);
+    EXPECT_FALSE(op->success());
+    EXPECT_TRUE(op->isFinished());
+    EXPECT_TRUE(
+        log.contains("FLAC Encode Operation Aborting.  Could Not Initialize Decoder For: " + in))
+        << testing::PrintToString(log.lines());
+    EXPECT_FALSE(fs::exists(outPathFor("corrupt")));
+}
+
+TEST(EncoderRegistration, FLACIsFoundByTypeAndByUpdateKey) {
+    auto byType = EncodeOperation::encodeOperationForType(EncoderTypeFLAC);
+    ASSERT_NE(byType, nullptr);
+    EXPECT_NE(dynamic_cast<FLACEncodeOperation*>(byType.get()), nullptr);
+    EXPECT_FALSE(byType->isItunesCompatible());
+    auto byKey = EncodeOperation::updateMetadataOperationForKey("FLAC");
+    EXPECT_NE(dynamic_cast<FLACEncodeOperation*>(byKey.get()), nullptr);
+    EXPECT_EQ(EncodeOperation::encodeOperationForType(42), nullptr);
+    EXPECT_EQ(EncodeOperation::updateMetadataOperationForKey("Nothing"), nullptr);
+}
