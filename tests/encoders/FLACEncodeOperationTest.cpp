@@ -2,13 +2,13 @@
 // the reference tools (flac decodes, metaflac reads the blocks and tags).
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <map>
 #include <optional>
-#include <regex>
 #include <sstream>
 
 #include <FLAC/format.h>
@@ -47,6 +47,39 @@ private:
     test::TempDir dir_;
     std::optional<std::string> saved_;
 };
+
+// The word (letters, digits, underscores) after every occurrence of `key`.
+std::vector<std::string> valuesAfter(const std::string& text, const std::string& key) {
+    std::vector<std::string> values;
+    for (size_t at = text.find(key); at != std::string::npos; at = text.find(key, at + 1)) {
+        size_t end = at + key.size();
+        while (end < text.size() &&
+               (std::isalnum(static_cast<unsigned char>(text[end])) || text[end] == '_'))
+            ++end;
+        values.push_back(text.substr(at + key.size(), end - at - key.size()));
+    }
+    return values;
+}
+
+size_t occurrences(const std::string& text, const std::string& what) {
+    size_t n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
+        ++n;
+    return n;
+}
+
+std::vector<int32_t> samplesFrom(const std::vector<uint8_t>& bytes, uint32_t bits) {
+    const size_t width = bits / 8;
+    std::vector<int32_t> samples(bytes.size() / width);
+    for (size_t i = 0; i < samples.size(); ++i) {
+        uint32_t u = 0;
+        for (size_t b = 0; b < width; ++b)
+            u |= uint32_t(bytes[i * width + b]) << (8 * b);
+        const int shift = int(32 - bits);
+        samples[i] = int32_t(u << shift) >> shift;
+    }
+    return samples;
+}
 
 // Counts the chunks it encodes and can cancel itself at one of them.
 class CountingFLACEncodeOperation : public FLACEncodeOperation {
@@ -120,9 +153,8 @@ protected:
     std::vector<uint64_t> seekPoints(const std::string& path) const {
         std::vector<uint64_t> points;
         const std::string listing = metaflac("--list --block-type=SEEKTABLE", path);
-        const std::regex point(R"(point \d+: sample_number=(\d+))");
-        for (std::sregex_iterator it(listing.begin(), listing.end(), point), end; it != end; ++it)
-            points.push_back(std::stoull((*it)[1]));
+        for (const std::string& value : valuesAfter(listing, "sample_number="))
+            points.push_back(std::stoull(value));
         return points;
     }
 
@@ -131,26 +163,6 @@ protected:
     test::Batch batch;
     std::shared_ptr<EncoderSettings> settings;
 };
-
-size_t occurrences(const std::string& text, const std::string& what) {
-    size_t n = 0;
-    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
-        ++n;
-    return n;
-}
-
-std::vector<int32_t> samplesFrom(const std::vector<uint8_t>& bytes, uint32_t bits) {
-    const size_t width = bits / 8;
-    std::vector<int32_t> samples(bytes.size() / width);
-    for (size_t i = 0; i < samples.size(); ++i) {
-        uint32_t u = 0;
-        for (size_t b = 0; b < width; ++b)
-            u |= uint32_t(bytes[i * width + b]) << (8 * b);
-        const int shift = int(32 - bits);
-        samples[i] = int32_t(u << shift) >> shift;
-    }
-    return samples;
-}
 
 } // namespace
 
@@ -224,7 +236,11 @@ TEST_F(FLACEncodeOperationTest, SeekPointsEveryTenSecondsAndPadding) {
 }
 
 TEST_F(FLACEncodeOperationTest, LevelAboveEightWritesOnlyVerbatimSubframes) {
-    const auto signal = test::makeSignal(44100, 2, 16);
+    // Tones, which any predictor compresses, so that verbatim is a choice.
+    std::vector<int32_t> signal;
+    for (int f = 0; f < 44100; ++f)
+        for (int c = 0; c < 2; ++c)
+            signal.push_back(int32_t(std::lround(12000.0 * std::sin(f * (0.06 + 0.02 * c)))));
     const std::string in = dir.file("verbatim.wav");
     test::writeWav(in, signal, 2, 44100, 16);
 
@@ -237,9 +253,8 @@ TEST_F(FLACEncodeOperationTest, LevelAboveEightWritesOnlyVerbatimSubframes) {
         const auto bytes = test::readFile(analysis);
         const std::string text(bytes.begin(), bytes.end());
         std::map<std::string, int> types;
-        const std::regex type(R"(type=([A-Z_]+))");
-        for (std::sregex_iterator it(text.begin(), text.end(), type), end; it != end; ++it)
-            ++types[(*it)[1]];
+        for (const std::string& type : valuesAfter(text, "\ttype="))
+            ++types[type];
         return types;
     };
 
@@ -248,7 +263,9 @@ TEST_F(FLACEncodeOperationTest, LevelAboveEightWritesOnlyVerbatimSubframes) {
     ASSERT_TRUE(compressed->success());
     const std::string compressedPath = *compressed->outFilePath();
     // The check can tell: a normal level uses predictors.
-    EXPECT_GT(subframeTypes(compressedPath).size(), 1u);
+    const auto compressedTypes = subframeTypes(compressedPath);
+    EXPECT_EQ(compressedTypes.count("VERBATIM"), 0u) << testing::PrintToString(compressedTypes);
+    EXPECT_FALSE(compressedTypes.empty());
 
     settings->setFlacCompressionLevel(9);
     auto uncompressed = encode(in);
