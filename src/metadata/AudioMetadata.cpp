@@ -1,6 +1,10 @@
 #include "metadata/AudioMetadata.h"
 
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
 #include <cmath>
+#include <cstdlib>
 #include <ctime>
 #include <limits>
 
@@ -146,6 +150,79 @@ void AudioMetadata::clearAll() {
     setTrackCopyright(std::nullopt);
     setKey(std::nullopt);
     setISRC(std::nullopt);
+}
+
+const std::vector<std::string>& AudioMetadata::editableFieldNames() {
+    static const std::vector<std::string> kNames = {
+        "trackNumber",        "totalTracks",    "trackTitle", "albumTitle", "trackArtist",
+        "albumArtist",        "trackComposer",  "trackYear",  "trackGenre", "trackComment",
+        "grouping",           "discNumber",     "discTotal",  "lyrics",     "bpm",
+        "partOfACompilation", "trackCopyright", "ISRC",       "key"};
+    return kNames;
+}
+
+bool AudioMetadata::setFieldFromText(const std::string& name, const std::string& text) {
+    const auto& names = editableFieldNames();
+    if (std::find(names.begin(), names.end(), name) == names.end())
+        return false;
+    bool accepted = false;
+    visitFields(*this, Overloaded{
+                           [&](const char* field, std::optional<int64_t>& v) {
+                               if (name != field)
+                                   return;
+                               errno = 0;
+                               char* end = nullptr;
+                               const long long number = std::strtoll(text.c_str(), &end, 10);
+                               if (!text.empty() && end && *end == '\0' && errno == 0) {
+                                   v = number;
+                                   accepted = true;
+                               }
+                           },
+                           [&](const char* field, std::optional<std::string>& v) {
+                               if (name != field)
+                                   return;
+                               v = text;
+                               accepted = true;
+                           },
+                           [&](const char* field, std::optional<bool>& v) {
+                               if (name != field)
+                                   return;
+                               std::string lower;
+                               for (char c : text)
+                                   lower += char(std::tolower(static_cast<unsigned char>(c)));
+                               if (lower == "yes" || lower == "true" || lower == "1") {
+                                   v = true;
+                                   accepted = true;
+                               } else if (lower == "no" || lower == "false" || lower == "0") {
+                                   v = false;
+                                   accepted = true;
+                               }
+                           },
+                           [](const char*, auto&) {},
+                       });
+    return accepted;
+}
+
+bool AudioMetadata::clearField(const std::string& name) {
+    const auto& names = editableFieldNames();
+    if (std::find(names.begin(), names.end(), name) == names.end())
+        return false;
+    visitFields(*this, Overloaded{
+                           [&](const char* field, std::optional<int64_t>& v) {
+                               if (name == field)
+                                   v.reset();
+                           },
+                           [&](const char* field, std::optional<std::string>& v) {
+                               if (name == field)
+                                   v.reset();
+                           },
+                           [&](const char* field, std::optional<bool>& v) {
+                               if (name == field)
+                                   v.reset();
+                           },
+                           [](const char*, auto&) {},
+                       });
+    return true;
 }
 
 nlohmann::json AudioMetadata::toJSON() const {

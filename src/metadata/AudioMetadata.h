@@ -60,6 +60,17 @@ public:
     // (the source fields and userData) are kept.
     void clearAll();
 
+    // The fields the user edits (those clearAll() empties, the picture
+    // aside), by the names the archive uses for them.
+    static const std::vector<std::string>& editableFieldNames();
+    // Sets an editable field from text: numbers for the counts, the year and
+    // the tempo; yes/no, true/false or 1/0 for partOfACompilation; the text
+    // itself for the rest. False, changing nothing, for an unknown name or a
+    // value the field cannot hold.
+    bool setFieldFromText(const std::string& name, const std::string& text);
+    // Makes an editable field absent; false for an unknown name.
+    bool clearField(const std::string& name);
+
     // The archived form, used to copy metadata from one file to another: every
     // field round-trips exactly, absent and empty kept apart, picture included.
     nlohmann::json toJSON() const;
