@@ -8,11 +8,14 @@
 #include <nlohmann/json.hpp>
 
 #include "Version.h"
+#include "cli/ConvertCommand.h"
 #include "cli/FormatsCommand.h"
 #include "cli/InfoCommand.h"
 #include "cli/NameCommand.h"
 #include "cli/ProbeCommand.h"
+#include "cli/TagCommand.h"
 #include "decoders/DecoderRegistration.h"
+#include "encoders/EncoderRegistration.h"
 #include "jobs/FormatSpecifiers.h"
 #include "platform/TaggingThread.h"
 #include "platform/UserDefaults.h"
@@ -45,6 +48,7 @@ bool applyVolatileSettings(const std::vector<std::string>& assignments, std::ost
 
 int CommandLine::run(int argc, char** argv) {
     DecoderRegistration::registerAll();
+    EncoderRegistration::registerAll();
     // The metadata reader names picture files beside a source with a template.
     FormatSpecifiers::installAsFilenamePatternExpander();
 
@@ -70,6 +74,10 @@ int CommandLine::run(int argc, char** argv) {
     info.addTo(app);
     NameCommand name;
     name.addTo(app);
+    ConvertCommand convert;
+    convert.addTo(app);
+    TagCommand tag;
+    tag.addTo(app);
 
     try {
         app.parse(argc, argv);
@@ -84,6 +92,10 @@ int CommandLine::run(int argc, char** argv) {
         return probe.execute(std::cout, std::cerr);
     if (app.got_subcommand("formats"))
         return formats.execute(std::cout, std::cerr);
+    if (app.got_subcommand("convert"))
+        return convert.execute(std::cout, std::cerr);
+    if (app.got_subcommand("tag"))
+        return tag.execute(std::cout, std::cerr);
     if (app.got_subcommand("info") || app.got_subcommand("name")) {
         // Every tag read of the run goes through the one tagging thread.
         TaggingThread tagging;

@@ -1,0 +1,161 @@
+#include "cli/ConvertCommand.h"
+
+#include <filesystem>
+#include <memory>
+#include <ostream>
+
+#include <CLI/CLI.hpp>
+
+#include "cli/BatchConsole.h"
+#include "cli/InputPaths.h"
+#include "cli/OutputFormatSpec.h"
+#include "jobs/ApplicationController.h"
+#include "jobs/EncodeOperation.h"
+#include "jobs/EncoderSettings.h"
+#include "platform/UserDefaults.h"
+
+namespace velvox {
+
+namespace fs = std::filesystem;
+
+void ConvertCommand::addTo(CLI::App& app) {
+    command_ = app.add_subcommand(
+        "convert", "Convert files and folders to one or more output formats in one batch");
+    command_
+        ->add_option("-f,--format", formats_,
+                     "Output format SPEC (repeatable); without it the saved enabled formats")
+        ->type_name("SPEC");
+    command_
+        ->add_option("-o,--output", output_, "Write into this folder instead of beside each source")
+        ->type_name("DIR");
+    command_->add_flag("--same-folder", sameFolder_, "Write each output beside its source");
+    command_
+        ->add_option("--naming", naming_,
+                     "Name outputs by this template, e.g. \"{trackArtist}/{trackTitle}\"")
+        ->type_name("TEMPLATE");
+    command_->add_flag("--preserve-tree", preserveTree_,
+                       "Keep the folder structure below each given folder");
+    command_->add_option("-j,--jobs", jobs_, "Files converted at once")->type_name("N");
+    command_
+        ->add_option("--overwrite", overwrite_,
+                     "What to do with an existing output file: ask, skip, replace or "
+                     "keep-both (the default when nobody can be asked)")
+        ->type_name("ANSWER");
+    command_->add_flag("--delete-original", deleteOriginal_,
+                       "Move each source to the trash once all its outputs succeeded");
+    command_->add_flag("--skip-same-type", skipSameType_,
+                       "Leave out output formats of the source's own type");
+    command_->add_flag("--update-tags", updateTags_,
+                       "Only rewrite the tags of the files, in place");
+    command_->add_option("PATH", paths_, "Audio files and folders")->required();
+    command_->footer(OutputFormatSpec::syntaxHelp());
+}
+
+int ConvertCommand::execute(std::ostream& out, std::ostream& err) const {
+    UserDefaults& defaults = UserDefaults::standardUserDefaults();
+
+    // ---- Usage checks, before anything runs ----
+    if (!output_.empty() && sameFolder_) {
+        err << "velvox convert: --output and --same-folder exclude each other\n";
+        return 2;
+    }
+    if (command_->count("--jobs") && jobs_ < 1) {
+        err << "velvox convert: --jobs takes a number of 1 or more\n";
+        return 2;
+    }
+    int32_t presetAnswer = ApplicationController::OverwriteHandlingAsk;
+    if (!overwrite_.empty()) {
+        if (overwrite_ == "ask")
+            presetAnswer = ApplicationController::OverwriteHandlingAsk;
+        else if (overwrite_ == "skip")
+            presetAnswer = ApplicationController::OverwriteHandlingSkip;
+        else if (overwrite_ == "replace")
+            presetAnswer = ApplicationController::OverwriteHandlingOverwrite;
+        else if (overwrite_ == "keep-both")
+            presetAnswer = ApplicationController::OverwriteHandlingKeepBoth;
+        else {
+            err << "velvox convert: --overwrite takes ask, skip, replace or keep-both, not '"
+                << overwrite_ << "'\n";
+            return 2;
+        }
+    }
+    if (updateTags_ && !formats_.empty()) {
+        err << "velvox convert: --update-tags rewrites tags only; it takes no --format\n";
+        return 2;
+    }
+
+    std::vector<std::shared_ptr<EncoderSettings>> formats;
+    try {
+        for (const std::string& spec : formats_)
+            formats.push_back(std::shared_ptr<EncoderSettings>(OutputFormatSpec::parse(spec)));
+        if (updateTags_) {
+            std::shared_ptr<EncoderSettings> update(OutputFormatSpec::parse("flac"));
+            update->setEncoderAction(EncoderActionUpdateMetadata);
+            formats.push_back(update);
+        }
+    } catch (const OutputFormatSpec::UsageError& e) {
+        err << "velvox convert: " << e.what() << '\n';
+        return 2;
+    }
+
+    // ---- This run's preferences ----
+    if (!output_.empty()) {
+        std::error_code ec;
+        defaults.setVolatileObject("outputSameAsSource", false);
+        defaults.setVolatileObject("destinationDirectory",
+                                   fs::absolute(output_, ec).lexically_normal().string());
+    } else if (sameFolder_) {
+        defaults.setVolatileObject("outputSameAsSource", true);
+    }
+    if (!naming_.empty()) {
+        defaults.setVolatileObject("useCustomNamingScheme", true);
+        defaults.setVolatileObject("customNamingScheme", naming_);
+    }
+    if (preserveTree_)
+        defaults.setVolatileObject("preserveInputFileDirectoryStructure", true);
+    if (command_->count("--jobs"))
+        defaults.setVolatileObject("numProcesses", std::to_string(jobs_));
+    if (deleteOriginal_)
+        defaults.setVolatileObject("deleteOriginal", true);
+    if (skipSameType_)
+        defaults.setVolatileObject("skipFilesOfSameType", true);
+    if (!overwrite_.empty()) {
+        // Every answer goes through the question's path, so existing outputs
+        // are found before anything is encoded.
+        defaults.setVolatileObject("overwriteOutputFiles", true);
+        defaults.setVolatileObject("promptBeforeOverwriting", true);
+    }
+    // Nobody to ask: the given answer applies, and without one both files stay.
+    if (!BatchConsole::standardInputIsTerminal() &&
+        presetAnswer == ApplicationController::OverwriteHandlingAsk)
+        presetAnswer = ApplicationController::OverwriteHandlingKeepBoth;
+
+    ApplicationController controller;
+    controller.setPersistsOutputFormats(false);
+    if (!formats.empty())
+        controller.setEncoderSettings(formats);
+    controller.setInitialOverwriteHandling(presetAnswer);
+
+    // An output format whose encoder this build lacks is refused up front
+    // rather than failing once per file.
+    for (const auto& settings : controller.encoderSettings()) {
+        if (settings->encoderAction() != EncoderActionEncode || !settings->enabled())
+            continue;
+        const int32_t type = settings->encoderType();
+        if (type >= 0 && type <= 9 && !EncodeOperation::encodeOperationForType(type)) {
+            err << "velvox convert: the output type '"
+                << OutputFormatSpec::typeNames().at(size_t(type))
+                << "' is not part of this build yet\n";
+            return 2;
+        }
+    }
+
+    const InputPaths inputs = InputPaths::check(paths_, err);
+    BatchConsole console(out, err,
+                         updateTags_ ? BatchConsole::Mode::Tag : BatchConsole::Mode::Convert);
+    if (inputs.usable().empty())
+        return 1;
+    return console.run(controller, inputs.usable(), inputs.rejectedCount(), nullptr);
+}
+
+} // namespace velvox

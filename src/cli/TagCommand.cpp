@@ -1,0 +1,130 @@
+#include "cli/TagCommand.h"
+
+#include <memory>
+#include <ostream>
+#include <utility>
+
+#include <CLI/CLI.hpp>
+
+#include "cli/BatchConsole.h"
+#include "cli/InputPaths.h"
+#include "cli/OutputFormatSpec.h"
+#include "jobs/ApplicationController.h"
+#include "jobs/EncoderSettings.h"
+#include "jobs/FileEncodeOperation.h"
+#include "metadata/AlbumArtwork.h"
+#include "metadata/AudioMetadata.h"
+#include "platform/UserDefaults.h"
+
+namespace velvox {
+
+namespace {
+
+std::string fieldList() {
+    std::string list;
+    for (const std::string& name : AudioMetadata::editableFieldNames())
+        list += (list.empty() ? "" : ", ") + name;
+    return list;
+}
+
+} // namespace
+
+void TagCommand::addTo(CLI::App& app) {
+    command_ = app.add_subcommand("tag", "Edit the tags of files in place");
+    command_->add_option("--set", assignments_, "Set a field (repeatable)")
+        ->type_name("FIELD=VALUE")
+        ->allow_extra_args(false);
+    command_->add_option("--clear", clears_, "Remove a field (repeatable)")
+        ->type_name("FIELD")
+        ->allow_extra_args(false);
+    command_->add_flag("--clear-all", clearAll_, "Remove every field and the picture first");
+    auto* artwork =
+        command_->add_option("--artwork", artwork_, "Use this picture as the album artwork")
+            ->type_name("IMAGE");
+    auto* clearArtwork =
+        command_->add_flag("--clear-artwork", clearArtwork_, "Remove the album artwork");
+    artwork->excludes(clearArtwork);
+    command_->add_option("FILE", files_, "Files (or folders) to edit")->required();
+    command_->footer("FIELD is one of: " + fieldList() + ".");
+}
+
+int TagCommand::execute(std::ostream& out, std::ostream& err) const {
+    if (assignments_.empty() && clears_.empty() && !clearAll_ && artwork_.empty() &&
+        !clearArtwork_) {
+        err << "velvox tag: nothing to change; give --set, --clear, --clear-all, --artwork or "
+               "--clear-artwork\n";
+        return 2;
+    }
+    // Every edit is checked on a scratch record before any file is touched.
+    std::vector<std::pair<std::string, std::string>> sets;
+    AudioMetadata scratch;
+    for (const std::string& assignment : assignments_) {
+        const size_t equals = assignment.find('=');
+        const std::string field = assignment.substr(0, equals);
+        const auto& names = AudioMetadata::editableFieldNames();
+        if (equals == std::string::npos ||
+            std::find(names.begin(), names.end(), field) == names.end()) {
+            err << "velvox tag: --set takes FIELD=VALUE with FIELD one of " << fieldList()
+                << "; not '" << assignment << "'\n";
+            return 2;
+        }
+        const std::string value = assignment.substr(equals + 1);
+        if (!scratch.setFieldFromText(field, value)) {
+            err << "velvox tag: bad value '" << value << "' for " << field << '\n';
+            return 2;
+        }
+        sets.emplace_back(field, value);
+    }
+    for (const std::string& field : clears_) {
+        if (!scratch.clearField(field)) {
+            err << "velvox tag: unknown field '" << field << "'; FIELD is one of " << fieldList()
+                << '\n';
+            return 2;
+        }
+    }
+    std::shared_ptr<AlbumArtwork> picture;
+    if (!artwork_.empty()) {
+        picture = AlbumArtwork::albumArtworkFromFile(artwork_);
+        if (!picture) {
+            err << "velvox tag: " << artwork_ << ": not a picture Velvox can read\n";
+            return 2;
+        }
+    }
+
+    UserDefaults& defaults = UserDefaults::standardUserDefaults();
+    // In place, and the edited files stay where they are.
+    defaults.setVolatileObject("renameAfterUpdatingMetadata", false);
+    defaults.setVolatileObject("deleteOriginal", false);
+
+    std::shared_ptr<EncoderSettings> update(OutputFormatSpec::parse("flac"));
+    update->setEncoderAction(EncoderActionUpdateMetadata);
+    ApplicationController controller;
+    controller.setPersistsOutputFormats(false);
+    controller.setEncoderSettings({update});
+
+    const InputPaths inputs = InputPaths::check(files_, err);
+    if (inputs.usable().empty())
+        return 1;
+    BatchConsole console(out, err, BatchConsole::Mode::Tag);
+    auto edit = [&](ApplicationController& batch) {
+        for (const auto& job : batch.operations()) {
+            if (batch.stopRequested())
+                return true;
+            std::shared_ptr<AudioMetadata> record = job->metadata();
+            if (clearAll_)
+                record->clearAll();
+            for (const std::string& field : clears_)
+                record->clearField(field);
+            for (const auto& [field, value] : sets)
+                record->setFieldFromText(field, value);
+            if (clearArtwork_)
+                record->setAlbumArtwork(nullptr);
+            else if (picture)
+                record->setAlbumArtwork(picture);
+        }
+        return true;
+    };
+    return console.run(controller, inputs.usable(), inputs.rejectedCount(), edit);
+}
+
+} // namespace velvox
