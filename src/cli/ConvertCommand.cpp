@@ -48,7 +48,10 @@ void ConvertCommand::addTo(CLI::App& app) {
     command_->add_flag("--update-tags", updateTags_,
                        "Only rewrite the tags of the files, in place");
     command_->add_option("PATH", paths_, "Audio files and folders")->required();
-    command_->footer(OutputFormatSpec::syntaxHelp());
+    command_->footer(OutputFormatSpec::syntaxHelp() +
+                     "\n\nCtrl-C cancels the batch: files under way are abandoned and no "
+                     "partial output is left behind. Exit status: 0 every file converted or "
+                     "skipped, 1 some file failed, 2 usage error, 130 interrupted.");
 }
 
 int ConvertCommand::execute(std::ostream& out, std::ostream& err) const {
