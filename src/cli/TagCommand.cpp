@@ -85,7 +85,9 @@ int TagCommand::execute(std::ostream& out, std::ostream& err) const {
     std::shared_ptr<AlbumArtwork> picture;
     if (!artwork_.empty()) {
         picture = AlbumArtwork::albumArtworkFromFile(artwork_);
-        if (!picture) {
+        // A file that cannot be read gives a picture without data, which
+        // the writers take as "no picture": the old one would be lost.
+        if (!picture || !picture->data()) {
             err << "velvox tag: " << artwork_ << ": not a picture Velvox can read\n";
             return 2;
         }
