@@ -83,6 +83,7 @@ trap 'rm -rf "$work"' EXIT
 mkdir -p "$work/config" "$work/data" "$work/tmp"
 export XDG_CONFIG_HOME=$work/config XDG_DATA_HOME=$work/data TMPDIR=$work/tmp
 
+echo "$("$velvox" --version), $(flac --version), $(nproc) cores"
 echo "load before: $(uptime)"
 python3 - "$velvox" "$cache" "$work" "$reps" <<'PY'
 import os, shutil, statistics, subprocess, sys, time
