@@ -1,0 +1,248 @@
+// `velvox tag` run as a user runs it, on FLAC files made and tagged by the
+// reference tools; metaflac and the reference decoder read the result.
+
+#include <filesystem>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "cli/BatchCommandSandbox.h"
+#include "jobs/EncodeOperation.h"
+
+using namespace velvox::test;
+namespace fs = std::filesystem;
+
+namespace {
+
+using Tags = std::multimap<std::string, std::string>;
+
+bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+// 0.4 s of 24-bit stereo at 48 kHz from our own signal, encoded by the
+// reference encoder with its default padding or with none (then every tag
+// edit has to rewrite the whole file).
+void makeFLAC(const std::string& path, bool padding, uint32_t seed) {
+    const std::string wav = path + ".wav";
+    writeWav(wav, makeSignal(19200, 2, 24, seed), 2, 48000, 24);
+    ASSERT_NO_FATAL_FAILURE(mustRun("flac -s -f " + std::string(padding ? "" : "--no-padding ") +
+                                    "-o " + shellQuote(path) + " " + shellQuote(wav)));
+    fs::remove(wav);
+}
+
+// What must survive every tag edit: the audio and its recorded checksum.
+struct AudioFacts {
+    std::string pcm;
+    std::string streamInfo;
+    std::vector<uint8_t> frames;
+};
+
+AudioFacts audioFacts(const std::string& path) {
+    return {pcmMD5ByFlac(path), streamInfoMD5(path), flacAudioFrames(path)};
+}
+
+void expectSameAudio(const AudioFacts& before, const std::string& path) {
+    const AudioFacts after = audioFacts(path);
+    EXPECT_EQ(after.pcm, before.pcm);
+    EXPECT_EQ(after.streamInfo, before.streamInfo);
+    EXPECT_FALSE(after.frames.empty());
+    EXPECT_TRUE(after.frames == before.frames) << "the audio frames were rewritten";
+}
+
+} // namespace
+
+TEST(TagCommand, EditsChangeExactlyWhatTheySayAndNeverTheAudio) {
+    CommandSandbox box;
+    const std::string padded = box.src("padded.flac"), tight = box.src("tight.flac");
+    const std::string hidden = box.src(".hidden.flac");
+    const std::string cover = box.scratch("cover.png"), other = box.scratch("other.png");
+    ASSERT_NO_FATAL_FAILURE(writePNG(cover, 16, 16, 1));
+    ASSERT_NO_FATAL_FAILURE(writePNG(other, 32, 8, 2));
+    ASSERT_NO_FATAL_FAILURE(makeFLAC(padded, true, 1));
+    ASSERT_NO_FATAL_FAILURE(makeFLAC(tight, false, 2));
+    ASSERT_NO_FATAL_FAILURE(makeFLAC(hidden, true, 3));
+    // MOOD is a field Velvox has no name for: edits leave it alone.
+    const std::vector<std::string> original = {
+        "TITLE=Old Title", "ARTIST=The Artist", "ALBUM=The Album", "TRACKNUMBER=3",
+        "GENRE=Rock",      "DATE=1999",         "MOOD=Calm"};
+    for (const std::string& file : {padded, tight, hidden})
+        ASSERT_NO_FATAL_FAILURE(tagFLAC(file, original, cover));
+    const std::string hiddenMD5 = fileMD5(hidden);
+    const std::vector<uint8_t> coverBytes = readFile(cover);
+    const AudioFacts paddedAudio = audioFacts(padded), tightAudio = audioFacts(tight);
+    ASSERT_FALSE(paddedAudio.frames.empty());
+    ASSERT_FALSE(tightAudio.frames.empty());
+
+    auto checkAudio = [&] {
+        {
+            SCOPED_TRACE("padded");
+            expectSameAudio(paddedAudio, padded);
+        }
+        {
+            SCOPED_TRACE("tight");
+            expectSameAudio(tightAudio, tight);
+        }
+    };
+    auto pictureIs = [&](const std::string& file, const std::vector<uint8_t>& bytes) {
+        const auto pictures = flacPictures(file);
+        ASSERT_EQ(pictures.size(), 1u) << file;
+        EXPECT_EQ(pictures[0].type, 3);
+        EXPECT_EQ(pictures[0].mimeType, "image/png");
+        EXPECT_EQ(flacPictureData(file, box.scratch("exported")), bytes) << file;
+    };
+
+    // Set, clear: the folder is walked, its hidden file left out.
+    Tags expected;
+    {
+        SCOPED_TRACE("--set and --clear");
+        const Outcome r =
+            box.run("tag --set 'trackTitle=Nouvelle Chanson ☃ a=b' --set 'albumArtist=The "
+                    "Ensemble' --set trackNumber=7 --clear trackGenre " +
+                    shellQuote(box.src()));
+        ASSERT_EQ(r.exitCode, 0) << r.out << r.err;
+        EXPECT_TRUE(contains(r.out, "Tagged: " + padded + "\n")) << r.out;
+        EXPECT_TRUE(contains(r.out, "Tagged: " + tight + "\n")) << r.out;
+        EXPECT_TRUE(contains(r.out, "2 tagged, 0 skipped, 0 failed.\n")) << r.out;
+        EXPECT_EQ(fileMD5(hidden), hiddenMD5);
+
+        const Tags tags = flacTags(padded);
+        // Written because "writeEncodedByMetadataTag" is on by default.
+        const auto encodedBy = tags.find("ENCODEDBY");
+        ASSERT_NE(encodedBy, tags.end());
+        EXPECT_EQ(encodedBy->second.rfind("FLAC ", 0), 0u) << encodedBy->second;
+        EXPECT_TRUE(contains(encodedBy->second, " via Velvox ")) << encodedBy->second;
+        expected = {{"TITLE", "Nouvelle Chanson ☃ a=b"},
+                    {"ARTIST", "The Artist"},
+                    {"ALBUM", "The Album"},
+                    {"TRACKNUMBER", "7"},
+                    {"DATE", "1999"},
+                    {"MOOD", "Calm"},
+                    {"ALBUMARTIST", "The Ensemble"},
+                    {"ENCODEDBY", encodedBy->second}};
+        EXPECT_EQ(tags, expected);
+        EXPECT_EQ(flacTags(tight), expected);
+        pictureIs(padded, coverBytes);
+        pictureIs(tight, coverBytes);
+        checkAudio();
+    }
+    {
+        SCOPED_TRACE("--artwork");
+        const Outcome r = box.run("tag --artwork " + shellQuote(other) + " " + shellQuote(padded) +
+                                  " " + shellQuote(tight));
+        ASSERT_EQ(r.exitCode, 0) << r.out << r.err;
+        const std::vector<uint8_t> otherBytes = readFile(other);
+        pictureIs(padded, otherBytes);
+        pictureIs(tight, otherBytes);
+        EXPECT_EQ(flacTags(padded), expected);
+        EXPECT_EQ(flacTags(tight), expected);
+        checkAudio();
+    }
+    {
+        SCOPED_TRACE("--clear-artwork");
+        const Outcome r =
+            box.run("tag --clear-artwork " + shellQuote(padded) + " " + shellQuote(tight));
+        ASSERT_EQ(r.exitCode, 0) << r.out << r.err;
+        EXPECT_EQ(flacPictures(padded).size(), 0u);
+        EXPECT_EQ(flacPictures(tight).size(), 0u);
+        EXPECT_EQ(flacTags(padded), expected);
+        EXPECT_EQ(flacTags(tight), expected);
+        checkAudio();
+    }
+    {
+        SCOPED_TRACE("--clear-all");
+        ASSERT_NO_FATAL_FAILURE(tagFLAC(padded, original, cover));
+        // Without the encoded-by field, so that nothing of Velvox's is left.
+        const Outcome r = box.run("--set writeEncodedByMetadataTag=false tag --clear-all " +
+                                  shellQuote(padded) + " " + shellQuote(tight));
+        ASSERT_EQ(r.exitCode, 0) << r.out << r.err;
+        // Every field Velvox knows is gone, with the picture; what it does
+        // not know stays.
+        EXPECT_EQ(flacTags(padded), (Tags{{"MOOD", "Calm"}}));
+        EXPECT_EQ(flacTags(tight), (Tags{{"MOOD", "Calm"}}));
+        EXPECT_EQ(flacPictures(padded).size(), 0u);
+        checkAudio();
+    }
+    EXPECT_EQ(box.temporaryLeftovers(), std::vector<std::string>{});
+}
+
+TEST(TagCommand, RefusedEditsExitTwoBeforeAnyFileIsTouched) {
+    CommandSandbox box;
+    const std::string flac = box.src("song.flac"), wav = box.src("song.wav");
+    const std::string cover = box.scratch("cover.png");
+    ASSERT_NO_FATAL_FAILURE(writePNG(cover, 8, 8, 3));
+    ASSERT_NO_FATAL_FAILURE(makeFLAC(flac, true, 4));
+    ASSERT_NO_FATAL_FAILURE(tagFLAC(flac, {"TITLE=Keep", "TRACKNUMBER=2"}, cover));
+    writeWav(wav, makeSignal(4410, 2, 16, 5), 2, 44100, 16);
+    const std::string flacMD5 = fileMD5(flac), wavMD5 = fileMD5(wav);
+    // The good edit comes first each time: nothing may run before the check.
+    const std::string files = " " + shellQuote(flac) + " " + shellQuote(wav);
+
+    struct Case {
+        std::string args;
+        std::string message;
+    };
+    const std::vector<Case> cases = {
+        {"--set trackTitle=New --set mood=calm", "not 'mood=calm'"},
+        {"--set trackTitle=New --set trackTitle", "not 'trackTitle'"},
+        {"--set trackTitle=New --set trackNumber=seven", "bad value 'seven' for trackNumber"},
+        {"--set trackTitle=New --set trackNumber=", "bad value '' for trackNumber"},
+        {"--set trackTitle=New --set trackYear=1999x", "bad value '1999x' for trackYear"},
+        {"--set trackTitle=New --set bpm=12.5", "bad value '12.5' for bpm"},
+        {"--set trackTitle=New --set partOfACompilation=maybe",
+         "bad value 'maybe' for partOfACompilation"},
+        {"--set trackTitle=New --clear trackMood", "unknown field 'trackMood'"},
+        {"--set trackTitle=New --artwork " + shellQuote(wav), "not a picture Velvox can read"},
+        {"--set trackTitle=New --artwork " + shellQuote(box.scratch("missing.png")),
+         "not a picture Velvox can read"},
+        {"--artwork " + shellQuote(cover) + " --clear-artwork", "excludes"},
+        {"", "nothing to change"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.args);
+        const Outcome r = box.run("tag " + c.args + files);
+        EXPECT_EQ(r.exitCode, 2) << r.out << r.err;
+        EXPECT_TRUE(contains(r.err, c.message)) << r.err;
+        EXPECT_FALSE(contains(r.out, "Tagging")) << r.out;
+        EXPECT_EQ(fileMD5(flac), flacMD5);
+        EXPECT_EQ(fileMD5(wav), wavMD5);
+    }
+    EXPECT_EQ(box.temporaryLeftovers(), std::vector<std::string>{});
+}
+
+TEST(TagCommand, AFileWithoutATagWriterFailsAloneAndStaysAsItWas) {
+    if (velvox::EncodeOperation::updateMetadataOperationForKey("CoreAudio"))
+        GTEST_SKIP() << "this build writes the tags of WAVE files";
+    CommandSandbox box;
+    const std::string flac = box.src("song.flac"), wav = box.src("song.wav");
+    const std::string missing = box.src("gone.flac");
+    ASSERT_NO_FATAL_FAILURE(makeFLAC(flac, true, 6));
+    writeWav(wav, makeSignal(4410, 2, 16, 7), 2, 44100, 16);
+    const std::string wavMD5 = fileMD5(wav);
+    const AudioFacts audio = audioFacts(flac);
+
+    const Outcome r = box.run("tag --set 'trackTitle=Both' " + shellQuote(wav) + " " +
+                              shellQuote(flac) + " " + shellQuote(missing));
+    EXPECT_EQ(r.exitCode, 1) << r.out << r.err;
+    EXPECT_TRUE(contains(r.out, "FAILED: " + wav + "\n")) << r.out;
+    EXPECT_TRUE(contains(r.out, "Tagged: " + flac + "\n")) << r.out;
+    EXPECT_TRUE(contains(r.out, "1 tagged, 0 skipped, 2 failed.\n")) << r.out;
+    EXPECT_TRUE(contains(r.err, "velvox: " + missing + ": No such file or directory\n")) << r.err;
+    const size_t log = r.err.find("Error log:\n");
+    ASSERT_NE(log, std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("Velvox Can Not Write The Metadata Of song.wav: Its Format Has No Tag "
+                         "Writer In This Build.",
+                         log),
+              std::string::npos)
+        << r.err;
+
+    EXPECT_EQ(fileMD5(wav), wavMD5);
+    const Tags tags = flacTags(flac);
+    const auto title = tags.find("TITLE");
+    ASSERT_NE(title, tags.end());
+    EXPECT_EQ(title->second, "Both");
+    expectSameAudio(audio, flac);
+    EXPECT_FALSE(fs::exists(missing));
+}
