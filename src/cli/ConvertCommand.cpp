@@ -8,7 +8,7 @@
 
 #include "cli/BatchConsole.h"
 #include "cli/InputPaths.h"
-#include "cli/OutputFormatSpec.h"
+#include "cli/OutputFormatArgument.h"
 #include "jobs/ApplicationController.h"
 #include "jobs/EncodeOperation.h"
 #include "jobs/EncoderSettings.h"
@@ -23,8 +23,8 @@ void ConvertCommand::addTo(CLI::App& app) {
         "convert", "Convert files and folders to one or more output formats in one batch");
     command_
         ->add_option("-f,--format", formats_,
-                     "Output format SPEC (repeatable); without it the saved enabled formats")
-        ->type_name("SPEC");
+                     "An output format (repeatable); without it the saved enabled formats")
+        ->type_name("FORMAT");
     command_
         ->add_option("-o,--output", output_, "Write into this folder instead of beside each source")
         ->type_name("DIR");
@@ -48,7 +48,7 @@ void ConvertCommand::addTo(CLI::App& app) {
     command_->add_flag("--update-tags", updateTags_,
                        "Only rewrite the tags of the files, in place");
     command_->add_option("PATH", paths_, "Audio files and folders")->required();
-    command_->footer(OutputFormatSpec::syntaxHelp() +
+    command_->footer(OutputFormatArgument::syntaxHelp() +
                      "\n\nCtrl-C cancels the batch: files under way are abandoned and no "
                      "partial output is left behind. Exit status: 0 every file converted or "
                      "skipped, 1 some file failed, 2 usage error, 130 interrupted.");
@@ -89,14 +89,15 @@ int ConvertCommand::execute(std::ostream& out, std::ostream& err) const {
 
     std::vector<std::shared_ptr<EncoderSettings>> formats;
     try {
-        for (const std::string& spec : formats_)
-            formats.push_back(std::shared_ptr<EncoderSettings>(OutputFormatSpec::parse(spec)));
+        for (const std::string& format : formats_)
+            formats.push_back(
+                std::shared_ptr<EncoderSettings>(OutputFormatArgument::parse(format)));
         if (updateTags_) {
-            std::shared_ptr<EncoderSettings> update(OutputFormatSpec::parse("flac"));
+            std::shared_ptr<EncoderSettings> update(OutputFormatArgument::parse("flac"));
             update->setEncoderAction(EncoderActionUpdateMetadata);
             formats.push_back(update);
         }
-    } catch (const OutputFormatSpec::UsageError& e) {
+    } catch (const OutputFormatArgument::UsageError& e) {
         err << "velvox convert: " << e.what() << '\n';
         return 2;
     }
@@ -147,7 +148,7 @@ int ConvertCommand::execute(std::ostream& out, std::ostream& err) const {
         const int32_t type = settings->encoderType();
         if (type >= 0 && type <= 9 && !EncodeOperation::encodeOperationForType(type)) {
             err << "velvox convert: the output type '"
-                << OutputFormatSpec::typeNames().at(size_t(type))
+                << OutputFormatArgument::typeNames().at(size_t(type))
                 << "' is not part of this build yet\n";
             return 2;
         }

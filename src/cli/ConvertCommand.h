@@ -3,7 +3,7 @@
 //
 // Runs one batch: every file of a format Velvox reads among the PATHs (folders
 // are walked, hidden files left out) is converted to every output format,
-// given with -f/--format SPEC (repeatable) or, without it, the saved enabled
+// given with -f/--format FORMAT (repeatable) or, without it, the saved enabled
 // formats. The options set the preferences of this run only; the saved ones
 // are never changed.
 

@@ -5,7 +5,7 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
-#include "cli/OutputFormatSpec.h"
+#include "cli/OutputFormatArgument.h"
 #include "jobs/EncoderSettings.h"
 #include "platform/UserDefaults.h"
 
@@ -37,10 +37,10 @@ void FormatsCommand::addTo(CLI::App& app) {
     command_ = app.add_subcommand(
         "formats", "List the saved output formats, or add, remove, duplicate, enable, disable "
                    "one or choose the default (formats are numbered from 1)");
-    command_->footer(OutputFormatSpec::syntaxHelp());
+    command_->footer(OutputFormatArgument::syntaxHelp());
     command_->add_flag("--json", json_, "Print the list as one JSON array");
-    CLI::Option* add =
-        command_->add_option("--add", addSpec_, "Add the output format SPEC")->type_name("SPEC");
+    CLI::Option* add = command_->add_option("--add", addSpec_, "Add the output format FORMAT")
+                           ->type_name("FORMAT");
     CLI::Option* remove =
         command_->add_option("--remove", removeNumber_, "Remove format N")->type_name("N");
     CLI::Option* duplicate =
@@ -135,8 +135,8 @@ int FormatsCommand::execute(std::ostream& out, std::ostream& err) const {
     if (command_->count("--add")) {
         std::unique_ptr<EncoderSettings> added;
         try {
-            added = OutputFormatSpec::parse(addSpec_);
-        } catch (const OutputFormatSpec::UsageError& e) {
+            added = OutputFormatArgument::parse(addSpec_);
+        } catch (const OutputFormatArgument::UsageError& e) {
             err << "velvox formats --add: " << e.what() << '\n';
             return 2;
         }

@@ -1,6 +1,6 @@
 #pragma once
 // velvox formats [--json]
-// velvox formats --add SPEC | --remove N | --duplicate N | --enable N |
+// velvox formats --add FORMAT | --remove N | --duplicate N | --enable N |
 //                --disable N | --default N
 //
 // The user's list of output formats, as the preferences keep it
@@ -29,7 +29,7 @@ public:
 
     void addTo(CLI::App& app);
     // 0 done, 1 refused (duplicate, the last format, preferences not saved),
-    // 2 usage error (bad SPEC, no such number).
+    // 2 usage error (bad FORMAT, no such number).
     int execute(std::ostream& out, std::ostream& err) const;
 
     // The saved formats from the standard preferences, every entry in order.

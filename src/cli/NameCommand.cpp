@@ -8,7 +8,7 @@
 #include <CLI/CLI.hpp>
 
 #include "cli/FormatsCommand.h"
-#include "cli/OutputFormatSpec.h"
+#include "cli/OutputFormatArgument.h"
 #include "jobs/EncoderSettings.h"
 #include "jobs/FormatSpecifiers.h"
 #include "metadata/AudioMetadata.h"
@@ -33,7 +33,7 @@ void NameCommand::addTo(CLI::App& app) {
     command_ = app.add_subcommand(
         "name", "Show the name the naming scheme gives each file (values made safe for file "
                 "names; no folder in front, no extension after)");
-    command_->footer(OutputFormatSpec::syntaxHelp());
+    command_->footer(OutputFormatArgument::syntaxHelp());
     command_
         ->add_option("--scheme", scheme_,
                      "The naming template, such as \"{trackNumber - }{trackTitle}\" (default: "
@@ -42,8 +42,8 @@ void NameCommand::addTo(CLI::App& app) {
     command_
         ->add_option("--format", format_,
                      "The output format the template's {outputFormat}, {bitrate}, ... describe: "
-                     "a SPEC or the number of a saved format")
-        ->type_name("SPEC|N");
+                     "a FORMAT or the number of a saved format")
+        ->type_name("FORMAT|N");
     command_->add_option("files", files_, "Audio files")->required();
 }
 
@@ -59,8 +59,8 @@ int NameCommand::execute(TaggingThread& tagging, std::ostream& out, std::ostream
             settings = std::move(saved[*number - 1]);
         } else {
             try {
-                settings = OutputFormatSpec::parse(format_);
-            } catch (const OutputFormatSpec::UsageError& e) {
+                settings = OutputFormatArgument::parse(format_);
+            } catch (const OutputFormatArgument::UsageError& e) {
                 err << "velvox name --format: " << e.what() << '\n';
                 return 2;
             }

@@ -8,7 +8,7 @@
 
 #include "cli/BatchConsole.h"
 #include "cli/InputPaths.h"
-#include "cli/OutputFormatSpec.h"
+#include "cli/OutputFormatArgument.h"
 #include "jobs/ApplicationController.h"
 #include "jobs/EncoderSettings.h"
 #include "jobs/FileEncodeOperation.h"
@@ -98,7 +98,7 @@ int TagCommand::execute(std::ostream& out, std::ostream& err) const {
     defaults.setVolatileObject("renameAfterUpdatingMetadata", false);
     defaults.setVolatileObject("deleteOriginal", false);
 
-    std::shared_ptr<EncoderSettings> update(OutputFormatSpec::parse("flac"));
+    std::shared_ptr<EncoderSettings> update(OutputFormatArgument::parse("flac"));
     update->setEncoderAction(EncoderActionUpdateMetadata);
     ApplicationController controller;
     controller.setPersistsOutputFormats(false);

@@ -156,7 +156,7 @@ Value numberValue(const std::optional<Number>& number, auto&& format) {
     return format(*number);
 }
 
-// Every specifier's value in table order; nullopt where the value is missing.
+// Every specifier's value, in the order of kSpecifierNames; nullopt where the value is missing.
 std::array<Value, 36> specifierValues(const AudioMetadata* metadata,
                                       const EncoderSettings* settings,
                                       const std::optional<std::string>& inputPath) {

@@ -23,7 +23,7 @@
 #include <gtest/gtest.h>
 
 #include "cli/BatchCommandSandbox.h"
-#include "cli/OutputFormatSpec.h"
+#include "cli/OutputFormatArgument.h"
 #include "jobs/EncodeOperation.h"
 
 extern char** environ;
@@ -152,7 +152,7 @@ std::vector<std::string> filesBelow(const std::string& folder) {
 
 // The name of an output type this build has no encoder for, if any.
 std::optional<std::string> unbuiltOutputType() {
-    const auto& names = velvox::OutputFormatSpec::typeNames();
+    const auto& names = velvox::OutputFormatArgument::typeNames();
     for (size_t type = 0; type < names.size(); ++type)
         if (!velvox::EncodeOperation::encodeOperationForType(int32_t(type)))
             return names[type];

@@ -78,10 +78,10 @@ TEST(FormatsCommand, AddRefusesDuplicatesAndEveryChangePersists) {
                                         "MP3 - 320.00 kbps CBR"}));
 
     // The same output under another spelling is refused and nothing changes.
-    for (const char* spec : {"flac:level=8", "FLAC:flacCompressionLevel=8,ext=flac",
-                             "flac:level=8,enabled=false", "mp3:method=cbr,bitrate=320k"}) {
-        SCOPED_TRACE(spec);
-        const Outcome refused = velvox(std::string("formats --add ") + shellQuote(spec));
+    for (const char* format : {"flac:level=8", "FLAC:flacCompressionLevel=8,ext=flac",
+                               "flac:level=8,enabled=false", "mp3:method=cbr,bitrate=320k"}) {
+        SCOPED_TRACE(format);
+        const Outcome refused = velvox(std::string("formats --add ") + shellQuote(format));
         EXPECT_EQ(refused.exitCode, 1);
         EXPECT_NE(refused.err.find("not added"), std::string::npos) << refused.err;
         EXPECT_NE(refused.err.find("output format"), std::string::npos) << refused.err;
@@ -142,15 +142,15 @@ TEST(FormatsCommand, EnableDisableDefaultAndDuplicate) {
     EXPECT_EQ(list[3]["default"], true);
     EXPECT_EQ(velvox.saved()["defaultEncoderSetting"], 3);
 
-    // Usage errors: no such number, a bad SPEC, two changes at once.
+    // Usage errors: no such number, a bad FORMAT, two changes at once.
     const Outcome noSuch = velvox("formats --enable 9");
     EXPECT_EQ(noSuch.exitCode, 2);
     EXPECT_NE(noSuch.err.find("no output format 9"), std::string::npos) << noSuch.err;
     EXPECT_EQ(velvox("formats --remove 0").exitCode, 2);
-    const Outcome badSpec = velvox("formats --add flac:lvl=5");
-    EXPECT_EQ(badSpec.exitCode, 2);
-    EXPECT_NE(badSpec.err.find("unknown key 'lvl' in 'flac:lvl=5'"), std::string::npos)
-        << badSpec.err;
+    const Outcome badFormat = velvox("formats --add flac:lvl=5");
+    EXPECT_EQ(badFormat.exitCode, 2);
+    EXPECT_NE(badFormat.err.find("unknown key 'lvl' in 'flac:lvl=5'"), std::string::npos)
+        << badFormat.err;
     EXPECT_EQ(velvox("formats --add flac:level=7 --default 1").exitCode, 2);
     EXPECT_EQ(velvox.list().size(), 4u);
 }

@@ -59,8 +59,8 @@ bool ffmpegEncode(const std::string& out, const std::string& options, double sec
         std::to_string(seconds) + " " + input + " " + options + " " + q(out));
 }
 
-bool importPicture(const std::string& flac, const std::string& spec) {
-    return runOrFail("metaflac --import-picture-from=" + q(spec) + " " + q(flac));
+bool importPicture(const std::string& flac, const std::string& pictureArgument) {
+    return runOrFail("metaflac --import-picture-from=" + q(pictureArgument) + " " + q(flac));
 }
 
 } // namespace

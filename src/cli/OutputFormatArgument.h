@@ -28,9 +28,9 @@ namespace velvox {
 
 class EncoderSettings;
 
-class OutputFormatSpec {
+class OutputFormatArgument {
 public:
-    // A SPEC that cannot be understood; what() names the part at fault
+    // A FORMAT that cannot be understood; what() names the part at fault
     // ("unknown output type 'mp4'", "unknown key 'lvl' in 'flac:lvl=5'",
     // "bad value 'x' for 'level'").
     class UsageError : public std::invalid_argument {

@@ -1,4 +1,4 @@
-#include "cli/OutputFormatSpec.h"
+#include "cli/OutputFormatArgument.h"
 
 #include <algorithm>
 #include <cctype>
@@ -19,7 +19,7 @@ namespace velvox {
 
 namespace {
 
-using UsageError = OutputFormatSpec::UsageError;
+using UsageError = OutputFormatArgument::UsageError;
 
 std::string lowercase(std::string_view text) {
     std::string out(text);
@@ -129,7 +129,7 @@ std::optional<uint32_t> parseFourCharCode(std::string_view text) {
 
 // ---- Keys ----
 
-// One key=value of a SPEC, while it is applied to the settings.
+// One key=value of a FORMAT, while it is applied to the settings.
 struct Setting {
     EncoderSettings& settings;
     EncoderType type;
@@ -648,7 +648,7 @@ void completeCoreAudio(EncoderSettings& s, const std::map<std::string, std::stri
 
 } // namespace
 
-const std::vector<std::string>& OutputFormatSpec::typeNames() {
+const std::vector<std::string>& OutputFormatArgument::typeNames() {
     static const std::vector<std::string> names = [] {
         std::vector<std::string> out;
         for (const TypeEntry& t : kTypes)
@@ -658,11 +658,11 @@ const std::vector<std::string>& OutputFormatSpec::typeNames() {
     return names;
 }
 
-std::string OutputFormatSpec::syntaxHelp() {
+std::string OutputFormatArgument::syntaxHelp() {
     std::string types;
     for (const std::string& name : typeNames())
         types += (types.empty() ? "" : ", ") + name;
-    return "SPEC is TYPE[:key=value[,key=value]...], TYPE one of " + types +
+    return "FORMAT is TYPE[:key=value[,key=value]...], TYPE one of " + types +
            ". Keys are the stored settings keys (bitrate, quality, sampleRate, method, mode, "
            "bitDepth, vbrQuality, framesPerPacket, fileType, formatID, formatFlags, "
            "flacCompressionLevel, macCompressionLevel, extension, ...) or the aliases level, "
@@ -670,7 +670,7 @@ std::string OutputFormatSpec::syntaxHelp() {
            "container, codec, flags, denoise, agc, vad, dtx. Example: flac:level=8";
 }
 
-std::unique_ptr<EncoderSettings> OutputFormatSpec::parse(const std::string& text) {
+std::unique_ptr<EncoderSettings> OutputFormatArgument::parse(const std::string& text) {
     const size_t colon = text.find(':');
     const std::string typeText = text.substr(0, colon);
     std::optional<EncoderType> type;

@@ -1,12 +1,12 @@
-// The command line's output-format SPEC: every type alone, the keys and their
-// aliases, and SPECs that must be refused with the bad part named.
+// Output formats as written on the command line: every type alone, the keys and their
+// aliases, and formats that must be refused with the bad part named.
 
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "cli/OutputFormatSpec.h"
+#include "cli/OutputFormatArgument.h"
 #include "jobs/EncoderSettings.h"
 #include "platform/CoreAudioTypes.h"
 
@@ -14,16 +14,16 @@ using namespace velvox;
 
 namespace {
 
-std::unique_ptr<EncoderSettings> parse(const std::string& spec) {
-    return OutputFormatSpec::parse(spec);
+std::unique_ptr<EncoderSettings> parse(const std::string& format) {
+    return OutputFormatArgument::parse(format);
 }
 
-// The message of the UsageError that parsing `spec` raises, or a note that
+// The message of the UsageError that parsing `format` raises, or a note that
 // none was raised.
-std::string refusal(const std::string& spec) {
+std::string refusal(const std::string& format) {
     try {
-        OutputFormatSpec::parse(spec);
-    } catch (const OutputFormatSpec::UsageError& e) {
+        OutputFormatArgument::parse(format);
+    } catch (const OutputFormatArgument::UsageError& e) {
         return e.what();
     }
     return "(accepted)";
@@ -31,9 +31,9 @@ std::string refusal(const std::string& spec) {
 
 } // namespace
 
-TEST(OutputFormatSpec, EveryTypeAloneIsACompleteFormatThatSurvivesStoring) {
+TEST(OutputFormatArgument, EveryTypeAloneIsACompleteFormatThatSurvivesStoring) {
     struct Case {
-        std::string spec;
+        std::string format;
         EncoderType type;
         std::string extension;
         std::string description;
@@ -50,11 +50,11 @@ TEST(OutputFormatSpec, EveryTypeAloneIsACompleteFormatThatSurvivesStoring) {
         {"speex", EncoderTypeOggSpeex, "spx", "Ogg Speex - VBR Quality 8"},
         {"opus", EncoderTypeOpus, "opus", "Opus - 128 kbps VBR"},
     };
-    ASSERT_EQ(OutputFormatSpec::typeNames().size(), cases.size());
+    ASSERT_EQ(OutputFormatArgument::typeNames().size(), cases.size());
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.spec);
-        const auto s = parse(c.spec);
-        EXPECT_EQ(OutputFormatSpec::typeNames()[c.type], c.spec);
+        SCOPED_TRACE(c.format);
+        const auto s = parse(c.format);
+        EXPECT_EQ(OutputFormatArgument::typeNames()[c.type], c.format);
         EXPECT_EQ(s->encoderType(), c.type);
         EXPECT_TRUE(s->enabled());
         EXPECT_EQ(s->encoderAction(), EncoderActionEncode);
@@ -65,7 +65,7 @@ TEST(OutputFormatSpec, EveryTypeAloneIsACompleteFormatThatSurvivesStoring) {
         EXPECT_TRUE(stored->isDuplicateOf(*s));
         EXPECT_EQ(stored->completeDescription(), c.description);
         // Types are matched without regard to case.
-        std::string upper = c.spec;
+        std::string upper = c.format;
         for (char& ch : upper)
             ch = char(std::toupper(static_cast<unsigned char>(ch)));
         EXPECT_EQ(parse(upper)->completeDescription(), c.description);
@@ -90,12 +90,12 @@ TEST(OutputFormatSpec, EveryTypeAloneIsACompleteFormatThatSurvivesStoring) {
     EXPECT_EQ(aac->formatID(), kAudioFormatMPEG4AAC);
 }
 
-TEST(OutputFormatSpec, StoredKeysAndAliasesSetTheSameFields) {
+TEST(OutputFormatArgument, StoredKeysAndAliasesSetTheSameFields) {
     // Alias, stored key and case variants agree.
-    for (const char* spec : {"flac:level=8", "flac:flacCompressionLevel=8", "FLAC:LEVEL=8",
-                             "flac:FlacCompressionLevel=8"}) {
-        SCOPED_TRACE(spec);
-        EXPECT_EQ(parse(spec)->flacCompressionLevel(), 8u);
+    for (const char* format : {"flac:level=8", "flac:flacCompressionLevel=8", "FLAC:LEVEL=8",
+                               "flac:FlacCompressionLevel=8"}) {
+        SCOPED_TRACE(format);
+        EXPECT_EQ(parse(format)->flacCompressionLevel(), 8u);
     }
     EXPECT_EQ(parse("oggflac:level=0")->completeDescription(), "Ogg FLAC - Compression Level 0");
     EXPECT_EQ(parse("flac:level=uncompressed")->completeDescription(), "FLAC - Uncompressed");
@@ -158,7 +158,7 @@ TEST(OutputFormatSpec, StoredKeysAndAliasesSetTheSameFields) {
               "Sound Designer II - LPCM - 24 bit BE");
 }
 
-TEST(OutputFormatSpec, CoreAudioContainerCodecAndExtensionFollowFromEachOther) {
+TEST(OutputFormatArgument, CoreAudioContainerCodecAndExtensionFollowFromEachOther) {
     const auto wav = parse("coreaudio:fileType=WAVE,bits=16,rate=44100");
     EXPECT_EQ(wav->fileType(), fourCharCode("WAVE"));
     EXPECT_EQ(wav->formatID(), kAudioFormatLinearPCM);
@@ -188,9 +188,9 @@ TEST(OutputFormatSpec, CoreAudioContainerCodecAndExtensionFollowFromEachOther) {
               std::string::npos);
 }
 
-TEST(OutputFormatSpec, BadSpecsNameTheBadPart) {
+TEST(OutputFormatArgument, BadFormatsNameWhatIsWrong) {
     struct Case {
-        std::string spec;
+        std::string format;
         std::string message;
     };
     const std::vector<Case> cases = {
@@ -234,8 +234,8 @@ TEST(OutputFormatSpec, BadSpecsNameTheBadPart) {
         {"coreaudio:formatFlags=big", "bad value 'big' for 'formatFlags'"},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.spec);
-        const std::string message = refusal(c.spec);
+        SCOPED_TRACE(c.format);
+        const std::string message = refusal(c.format);
         EXPECT_NE(message.find(c.message), std::string::npos) << message;
     }
 }
