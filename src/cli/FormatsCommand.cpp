@@ -39,7 +39,7 @@ void FormatsCommand::addTo(CLI::App& app) {
                    "one or choose the default (formats are numbered from 1)");
     command_->footer(OutputFormatArgument::syntaxHelp());
     command_->add_flag("--json", json_, "Print the list as one JSON array");
-    CLI::Option* add = command_->add_option("--add", addSpec_, "Add the output format FORMAT")
+    CLI::Option* add = command_->add_option("--add", addFormat_, "Add the output format FORMAT")
                            ->type_name("FORMAT");
     CLI::Option* remove =
         command_->add_option("--remove", removeNumber_, "Remove format N")->type_name("N");
@@ -135,14 +135,14 @@ int FormatsCommand::execute(std::ostream& out, std::ostream& err) const {
     if (command_->count("--add")) {
         std::unique_ptr<EncoderSettings> added;
         try {
-            added = OutputFormatArgument::parse(addSpec_);
+            added = OutputFormatArgument::parse(addFormat_);
         } catch (const OutputFormatArgument::UsageError& e) {
             err << "velvox formats --add: " << e.what() << '\n';
             return 2;
         }
         for (size_t i = 0; i < formats.size(); ++i) {
             if (added->isDuplicateOf(*formats[i])) {
-                err << "velvox formats --add: '" << addSpec_ << "' ("
+                err << "velvox formats --add: '" << addFormat_ << "' ("
                     << added->completeDescription()
                     << ") would make the same files as output format " << (i + 1) << " ("
                     << formats[i]->completeDescription() << "); not added\n";

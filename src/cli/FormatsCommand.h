@@ -42,7 +42,7 @@ private:
                     std::ostream& out) const;
 
     CLI::App* command_ = nullptr;
-    std::string addSpec_;
+    std::string addFormat_;
     int removeNumber_ = 0;
     int duplicateNumber_ = 0;
     int enableNumber_ = 0;

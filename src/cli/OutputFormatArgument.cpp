@@ -14,19 +14,13 @@
 
 #include "jobs/EncoderSettings.h"
 #include "platform/CoreAudioTypes.h"
+#include "platform/StringFormat.h"
 
 namespace velvox {
 
 namespace {
 
 using UsageError = OutputFormatArgument::UsageError;
-
-std::string lowercase(std::string_view text) {
-    std::string out(text);
-    std::transform(out.begin(), out.end(), out.begin(),
-                   [](unsigned char c) { return char(std::tolower(c)); });
-    return out;
-}
 
 struct TypeEntry {
     const char* name;
@@ -75,7 +69,7 @@ struct Scaled {
 };
 
 std::optional<Scaled> parseScaled(std::string_view text, bool allowHertz) {
-    std::string t = lowercase(text);
+    std::string t = lowercaseASCII(text);
     if (allowHertz && t.size() > 2 && t.ends_with("hz"))
         t.resize(t.size() - 2);
     if (t.size() < 2 || t.back() != 'k') {
@@ -97,7 +91,7 @@ std::optional<Scaled> parseScaled(std::string_view text, bool allowHertz) {
 }
 
 std::optional<bool> parseBoolean(std::string_view text) {
-    const std::string t = lowercase(text);
+    const std::string t = lowercaseASCII(text);
     if (t == "1" || t == "true" || t == "yes" || t == "on")
         return true;
     if (t == "0" || t == "false" || t == "no" || t == "off")
@@ -156,7 +150,7 @@ struct Setting {
     }
 
     // The value as a lower-case word, for keys that take names.
-    std::string word() const { return lowercase(value); }
+    std::string word() const { return lowercaseASCII(value); }
 };
 
 constexpr int64_t kInt32Max = std::numeric_limits<int32_t>::max();
@@ -470,7 +464,7 @@ const KeyRule kKeys[] = {
 };
 
 const KeyRule* findKey(const std::string& key, EncoderType type) {
-    const std::string k = lowercase(key);
+    const std::string k = lowercaseASCII(key);
     for (const KeyRule& rule : kKeys)
         if (k == rule.name && (rule.types == kEveryType || (rule.types & typeBit(type))))
             return &rule;
@@ -675,7 +669,7 @@ std::unique_ptr<EncoderSettings> OutputFormatArgument::parse(const std::string& 
     const std::string typeText = text.substr(0, colon);
     std::optional<EncoderType> type;
     for (const TypeEntry& t : kTypes)
-        if (lowercase(typeText) == t.name)
+        if (lowercaseASCII(typeText) == t.name)
             type = t.type;
     if (!type) {
         if (typeText.empty())

@@ -11,6 +11,7 @@
 #include "core/UtilityFunctions.h"
 #include "platform/ErrorLog.h"
 #include "platform/Exception.h"
+#include "platform/StringFormat.h"
 
 namespace velvox {
 
@@ -24,15 +25,6 @@ struct Registry {
 Registry& registry() {
     static Registry r;
     return r;
-}
-
-std::string lowercaseExtension(const std::string& path) {
-    std::string ext = std::filesystem::path(path).extension().string();
-    if (!ext.empty() && ext[0] == '.')
-        ext.erase(0, 1);
-    std::transform(ext.begin(), ext.end(), ext.begin(),
-                   [](unsigned char c) { return char(std::tolower(c)); });
-    return ext;
 }
 
 struct ExtensionRow {

@@ -102,6 +102,25 @@ std::string getTemporaryFilePath(const std::string& extension) {
     return std::string(buffer.data());
 }
 
+AudioChannelLayoutTag layoutTagForChannelCount(uint32_t channels) {
+    switch (channels) {
+    case 1:
+        return kAudioChannelLayoutTag_Mono;
+    case 2:
+        return kAudioChannelLayoutTag_Stereo;
+    case 3:
+        return kAudioChannelLayoutTag_MPEG_3_0_A;
+    case 4:
+        return kAudioChannelLayoutTag_Quadraphonic;
+    case 5:
+        return kAudioChannelLayoutTag_MPEG_5_0_A;
+    case 6:
+        return kAudioChannelLayoutTag_MPEG_5_1_A;
+    default:
+        return kAudioChannelLayoutTag_Unknown;
+    }
+}
+
 std::unique_ptr<AudioChannelLayout> createChannelLayoutWithTag(AudioChannelLayoutTag tag) {
     auto layout = std::make_unique<AudioChannelLayout>();
     layout->mChannelLayoutTag = tag;

@@ -30,6 +30,11 @@ std::string getTemporaryFilePath(const std::string& extension = "");
 
 // A layout holding only a tag.
 std::unique_ptr<AudioChannelLayout> createChannelLayoutWithTag(AudioChannelLayoutTag tag);
+
+// The layout a bare channel count stands for when a file says nothing else
+// (1 to 6 channels: mono, stereo, 3.0, quadraphonic, 5.0, 5.1); Unknown
+// beyond that.
+AudioChannelLayoutTag layoutTagForChannelCount(uint32_t channels);
 // A layout of explicit channel descriptions, one per label.
 std::unique_ptr<AudioChannelLayout>
 createChannelLayoutWithLabels(const std::vector<AudioChannelLabel>& labels);

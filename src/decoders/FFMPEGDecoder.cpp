@@ -3,10 +3,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
-#include <mutex>
-#include <random>
-#include <thread>
 
 #include "core/UtilityFunctions.h"
 #include "platform/ErrorLog.h"
@@ -16,16 +12,6 @@
 namespace velvox {
 
 namespace {
-
-struct SleepHook {
-    std::mutex mutex;
-    FFMPEGDecoder::SleepFunction function;
-};
-
-SleepHook& sleepHook() {
-    static SleepHook hook;
-    return hook;
-}
 
 bool isAudioStream(const AVStream* stream) {
     return stream->codecpar->codec_type == AVMEDIA_TYPE_AUDIO;
@@ -40,41 +26,15 @@ FFMPEGDecoder::~FFMPEGDecoder() {
     av_channel_layout_uninit(&outputLayout_);
 }
 
-void FFMPEGDecoder::setSleepFunction(SleepFunction sleep) {
-    std::lock_guard lock(sleepHook().mutex);
-    sleepHook().function = std::move(sleep);
-}
-
-void FFMPEGDecoder::sleepFor(std::chrono::microseconds duration) {
-    SleepFunction function;
-    {
-        std::lock_guard lock(sleepHook().mutex);
-        function = sleepHook().function;
-    }
-    if (function)
-        function(duration);
-    else
-        std::this_thread::sleep_for(duration);
-}
-
 bool FFMPEGDecoder::initWithFilename(const std::string& path) {
     if (!KDDecoder::initWithFilename(path))
         return false;
     auto& log = ErrorLog::sharedController();
 
-    // A file that is not there yet may still be on its way (a download, a
-    // network share catching up), so a missing file is retried a few times,
-    // each wait randomised so that parallel jobs do not retry in lockstep.
-    std::minstd_rand random(uint32_t(std::time(nullptr)));
-    int err = 0;
-    for (int tries = 1;; ++tries) {
-        AVFormatContext* raw = nullptr;
-        err = avformat_open_input(&raw, path.c_str(), nullptr, nullptr);
-        ic_.reset(raw);
-        if (err != AVERROR(ENOENT) || tries >= kMaxOpenTries)
-            break;
-        sleepFor(std::chrono::microseconds(1000000 + int64_t(random() % 30000) * 100));
-    }
+    // A missing file may still be arriving: the opener retries it.
+    FFMPEGInputOpener::FormatContextPtr opened;
+    int err = FFMPEGInputOpener::openInput(path, opened);
+    ic_.reset(opened.release());
     if (err < 0) {
         log.logMessage(
             stringWithFormat("FFMPEG Could Not Open Input For File: %@ ERROR: %d", path, err));

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <functional>
 
+#include "core/FFMPEGInputOpener.h"
 #include "core/KDDecoder.h"
 #include "decoders/LibavHandles.h"
 
@@ -14,7 +15,7 @@ namespace velvox {
 
 class FFMPEGDecoder : public KDDecoder {
 public:
-    using SleepFunction = std::function<void(std::chrono::microseconds)>;
+    using SleepFunction = FFMPEGInputOpener::SleepFunction;
 
     FFMPEGDecoder();
     ~FFMPEGDecoder() override;
@@ -30,14 +31,14 @@ public:
     // How the decoder waits between tries when the file is missing (it may
     // still be arriving, e.g. on a network share). Tests install a recorder;
     // an empty function restores the real sleep.
-    static void setSleepFunction(SleepFunction sleep);
+    static void setSleepFunction(SleepFunction sleep) {
+        FFMPEGInputOpener::setSleepFunction(std::move(sleep));
+    }
 
     // Tries made to open a missing file before giving up.
-    static constexpr int kMaxOpenTries = 4;
+    static constexpr int kMaxOpenTries = FFMPEGInputOpener::kMaxOpenTries;
 
 private:
-    static void sleepFor(std::chrono::microseconds duration);
-
     // Decodes one packet (or drains the decoder when it is null) and appends
     // the PCM to the ring buffer.
     void decodePacket(const AVPacket* packet);

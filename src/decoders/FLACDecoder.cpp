@@ -16,25 +16,6 @@ void FLACDecoder::Deleter::operator()(FLAC__StreamDecoder* d) const {
 FLACDecoder::FLACDecoder() = default;
 FLACDecoder::~FLACDecoder() = default;
 
-AudioChannelLayoutTag FLACDecoder::layoutTagForChannels(uint32_t channels) {
-    switch (channels) {
-    case 1:
-        return kAudioChannelLayoutTag_Mono;
-    case 2:
-        return kAudioChannelLayoutTag_Stereo;
-    case 3:
-        return kAudioChannelLayoutTag_MPEG_3_0_A;
-    case 4:
-        return kAudioChannelLayoutTag_Quadraphonic;
-    case 5:
-        return kAudioChannelLayoutTag_MPEG_5_0_A;
-    case 6:
-        return kAudioChannelLayoutTag_MPEG_5_1_A;
-    default:
-        return kAudioChannelLayoutTag_Unknown;
-    }
-}
-
 FLAC__StreamDecoderInitStatus FLACDecoder::initStream(const std::string& path) {
     return FLAC__stream_decoder_init_file(flac_.get(), path.c_str(), writeCallback,
                                           metadataCallback, errorCallback,
@@ -86,7 +67,8 @@ void FLACDecoder::metadataCallback(const FLAC__StreamDecoder*, const FLAC__Strea
     self->setSampleRate(double(info.sample_rate));
     self->setBitsPerChannel(info.bits_per_sample);
     self->setChannelsPerFrame(info.channels);
-    self->setAudioChannelLayout(createChannelLayoutWithTag(layoutTagForChannels(info.channels)));
+    self->setAudioChannelLayout(
+        createChannelLayoutWithTag(layoutTagForChannelCount(info.channels)));
 }
 
 void FLACDecoder::errorCallback(const FLAC__StreamDecoder*, FLAC__StreamDecoderErrorStatus, void*) {

@@ -32,9 +32,6 @@ public:
         setChannelLayout(std::move(layout));
     }
 
-    // The layout FLAC's channel order means, by channel count.
-    static AudioChannelLayoutTag layoutTagForChannels(uint32_t channels);
-
 protected:
     // Starts libFLAC on the file; the Ogg variant overrides it.
     virtual FLAC__StreamDecoderInitStatus initStream(const std::string& path);

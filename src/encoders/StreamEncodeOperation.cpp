@@ -37,26 +37,6 @@ private:
     std::function<void()> task_;
 };
 
-// The layout a channel count means when nothing else is known.
-AudioChannelLayoutTag layoutTagForChannelCount(uint32_t channels) {
-    switch (channels) {
-    case 1:
-        return kAudioChannelLayoutTag_Mono;
-    case 2:
-        return kAudioChannelLayoutTag_Stereo;
-    case 3:
-        return kAudioChannelLayoutTag_MPEG_3_0_A;
-    case 4:
-        return kAudioChannelLayoutTag_Quadraphonic;
-    case 5:
-        return kAudioChannelLayoutTag_MPEG_5_0_A;
-    case 6:
-        return kAudioChannelLayoutTag_MPEG_5_1_A;
-    default:
-        return kAudioChannelLayoutTag_Unknown;
-    }
-}
-
 std::vector<uint8_t> allocateBuffer(size_t bytes) {
     try {
         return std::vector<uint8_t>(bytes, 0);

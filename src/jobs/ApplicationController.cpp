@@ -26,17 +26,6 @@ namespace {
 
 constexpr const char* kEncoderSettingsKey = "encoderSettings";
 
-std::string lowercase(std::string s) {
-    std::transform(s.begin(), s.end(), s.begin(),
-                   [](unsigned char c) { return char(std::tolower(c)); });
-    return s;
-}
-
-std::string lowercaseExtension(const std::string& path) {
-    std::string ext = fs::path(path).extension().string();
-    return lowercase(ext.empty() ? ext : ext.substr(1));
-}
-
 bool isHidden(const fs::path& path) {
     const std::string name = path.filename().string();
     return !name.empty() && name.front() == '.';

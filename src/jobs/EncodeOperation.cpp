@@ -23,17 +23,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::string lowercase(std::string s) {
-    std::transform(s.begin(), s.end(), s.begin(),
-                   [](unsigned char c) { return char(std::tolower(c)); });
-    return s;
-}
-
-std::string extensionOf(const std::string& path) {
-    std::string ext = fs::path(path).extension().string();
-    return ext.empty() ? ext : ext.substr(1);
-}
-
 // "name" + "." + extension, or the name alone for an empty extension.
 std::string withExtension(const std::string& name, const std::string& extension) {
     return extension.empty() ? name : name + "." + extension;
@@ -314,7 +303,7 @@ bool EncodeOperation::determineOutputPath() {
             }
         } else {
             const bool reEncodeInPlace =
-                sameAsSource && lowercase(extensionOf(inFilePath_)) == lowercase(extension);
+                sameAsSource && lowercaseExtension(inFilePath_) == lowercaseASCII(extension);
             setOutFilePath(reEncodeInPlace ? path : uniquePathForPath(path));
         }
     } else {

@@ -23,17 +23,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::string lowercase(std::string s) {
-    std::transform(s.begin(), s.end(), s.begin(),
-                   [](unsigned char c) { return char(std::tolower(c)); });
-    return s;
-}
-
-std::string lowercaseExtension(const std::string& path) {
-    std::string ext = fs::path(path).extension().string();
-    return lowercase(ext.empty() ? ext : ext.substr(1));
-}
-
 void logMessage(const std::string& message) { ErrorLog::sharedController().logMessage(message); }
 
 // The word under which the encoder of a file's own format rewrites its tags.
@@ -218,7 +207,7 @@ void FileEncodeOperation::main() {
         if (encodes && !settings->enabled())
             continue;
         if (skipSameType && encodes &&
-            inputExtension == lowercase(settings->extension().value_or(""))) {
+            inputExtension == lowercaseASCII(settings->extension().value_or(""))) {
             if (!isCoreAudioContainerExtension(inputExtension) || isSameTypeAsInput(*settings)) {
                 passedOverAsSkip = true;
                 continue;

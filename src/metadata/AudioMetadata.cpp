@@ -187,9 +187,7 @@ bool AudioMetadata::setFieldFromText(const std::string& name, const std::string&
                            [&](const char* field, std::optional<bool>& v) {
                                if (name != field)
                                    return;
-                               std::string lower;
-                               for (char c : text)
-                                   lower += char(std::tolower(static_cast<unsigned char>(c)));
+                               const std::string lower = lowercaseASCII(text);
                                if (lower == "yes" || lower == "true" || lower == "1") {
                                    v = true;
                                    accepted = true;

@@ -56,10 +56,10 @@ extern "C" {
 #include <libavutil/error.h>
 }
 
+#include "core/FFMPEGInputOpener.h"
 #include "core/UtilityFunctions.h"
 #include "metadata/CoreAudioFileInfo.h"
 #include "metadata/DSFTagFile.h"
-#include "metadata/FFMPEGInputOpener.h"
 #include "metadata/KDMIDIParser.h"
 #include "platform/ErrorLog.h"
 #include "platform/Exception.h"
@@ -74,12 +74,6 @@ namespace {
 // Small text helpers
 
 std::string utf8(const TagLib::String& text) { return text.to8Bit(true); }
-
-std::string lowercaseASCII(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return char(std::tolower(c)); });
-    return text;
-}
 
 // The integer value of a text the way numbers typed into tags have always been
 // read: leading blanks skipped, an optional sign, then digits as far as they

@@ -1,4 +1,5 @@
 #include "metadata/CoreAudioFileInfo.h"
+#include "platform/StringFormat.h"
 
 #include <algorithm>
 #include <cctype>
@@ -64,12 +65,6 @@ struct CodecContextDeleter {
 uint32_t readBigEndian32(const std::vector<uint8_t>& bytes, size_t offset) {
     return (uint32_t(bytes[offset]) << 24) | (uint32_t(bytes[offset + 1]) << 16) |
            (uint32_t(bytes[offset + 2]) << 8) | uint32_t(bytes[offset + 3]);
-}
-
-std::string lowercase(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return char(std::tolower(c)); });
-    return text;
 }
 
 // AIFF and AIFC share a reader in both libraries; the form type tells them apart.
@@ -692,9 +687,9 @@ bool CoreAudioFileInfo::readWithLibav(const std::string& path, uint64_t fileSize
     while ((entry = av_dict_get(context->metadata, "", entry, AV_DICT_IGNORE_SUFFIX))) {
         if (!entry->key || !entry->value)
             continue;
-        const std::string key = lowercase(entry->key);
+        const std::string key = lowercaseASCII(entry->key);
         for (const auto& [libavKey, infoKey] : kLibavMetadataKeys)
-            if (key == lowercase(libavKey))
+            if (key == lowercaseASCII(libavKey))
                 infoDictionary_[infoKey] = entry->value;
     }
     return true;

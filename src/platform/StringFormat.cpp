@@ -1,5 +1,8 @@
 #include "platform/StringFormat.h"
 
+#include <algorithm>
+#include <cctype>
+
 #include <cctype>
 #include <cstdarg>
 #include <vector>
@@ -54,6 +57,18 @@ std::string fourCharCodeString(int32_t code) {
         if (!std::isprint(static_cast<unsigned char>(ch)))
             return std::to_string(code);
     return std::string(c, 4);
+}
+
+std::string lowercaseASCII(std::string_view text) {
+    std::string lower(text);
+    std::transform(lower.begin(), lower.end(), lower.begin(),
+                   [](unsigned char c) { return char(std::tolower(c)); });
+    return lower;
+}
+
+std::string lowercaseExtension(const std::filesystem::path& path) {
+    const std::string ext = path.extension().string();
+    return lowercaseASCII(ext.empty() ? ext : std::string_view(ext).substr(1));
 }
 
 } // namespace velvox

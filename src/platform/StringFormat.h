@@ -54,4 +54,10 @@ inline std::string stringWithFormat(std::string_view format) {
 // values that are not printable come out as a decimal number.
 std::string fourCharCodeString(int32_t code);
 
+// ASCII letters to lower case; other bytes (UTF-8 included) stay as they are.
+std::string lowercaseASCII(std::string_view text);
+// A path's extension without its dot, in lower case ("" when it has none):
+// the form in which file types are compared everywhere.
+std::string lowercaseExtension(const std::filesystem::path& path);
+
 } // namespace velvox

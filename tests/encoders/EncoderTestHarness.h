@@ -1,7 +1,7 @@
 #pragma once
-// What the encoder tests share: a batch stand-in that owns the tagging thread
-// and the set of created paths, preferences set for one test only, running an
-// operation to its end on the test's main loop, and error-log inspection.
+// What the encoder tests share besides the batch stand-in and the per-test
+// preferences: running an operation to its end on the test's main loop,
+// byte-block comparison and error-log inspection.
 
 #include <algorithm>
 #include <chrono>
@@ -14,50 +14,13 @@
 #include <nlohmann/json.hpp>
 
 #include "jobs/EncodeOperation.h"
-#include "jobs/EncodeOperationDelegate.h"
 #include "platform/ErrorLog.h"
 #include "platform/MainRunLoop.h"
 #include "platform/TaggingThread.h"
 #include "platform/UserDefaults.h"
+#include "support/JobsTestSupport.h"
 
 namespace velvox::test {
-
-class Batch : public EncodeOperationDelegate {
-public:
-    bool createdOutputPathsContains(const std::string& path) override {
-        EXPECT_TRUE(MainRunLoop::shared().isMainThread());
-        return created.count(path) != 0;
-    }
-    void addCreatedOutputPath(const std::string& path) override {
-        EXPECT_TRUE(MainRunLoop::shared().isMainThread());
-        created.insert(path);
-    }
-    TaggingThread& taggingThread() override { return tagging; }
-
-    std::set<std::string> created;
-    TaggingThread tagging;
-};
-
-// Preferences for one test, restored when it ends.
-class Preferences {
-public:
-    Preferences() = default;
-    Preferences(const Preferences&) = delete;
-    Preferences& operator=(const Preferences&) = delete;
-    ~Preferences() {
-        for (const auto& [key, value] : saved_)
-            UserDefaults::standardUserDefaults().setVolatileObject(key, value);
-    }
-    void set(const std::string& key, const nlohmann::json& value) {
-        UserDefaults& defaults = UserDefaults::standardUserDefaults();
-        if (!saved_.count(key))
-            saved_[key] = defaults.objectForKey(key).value_or(nullptr);
-        defaults.setVolatileObject(key, value);
-    }
-
-private:
-    std::map<std::string, nlohmann::json> saved_;
-};
 
 // Byte blocks compared without printing them whole.
 inline ::testing::AssertionResult sameBytes(const std::vector<uint8_t>& actual,

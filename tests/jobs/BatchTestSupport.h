@@ -24,6 +24,7 @@
 #include "jobs/FileEncodeOperation.h"
 #include "platform/MainRunLoop.h"
 #include "platform/UserDefaults.h"
+#include "support/JobsTestSupport.h"
 #include "support/TestSupport.h"
 
 namespace velvox::test {
@@ -130,24 +131,6 @@ public:
         for (EncoderType type : {kGatedType, kSecondGatedType})
             EncodeOperation::registerEncoderClass(type, nullptr);
     }
-};
-
-// Preferences for one test, restored afterwards.
-class Preferences {
-public:
-    ~Preferences() {
-        for (const auto& [key, value] : saved_)
-            UserDefaults::standardUserDefaults().setVolatileObject(key, value);
-    }
-    void set(const std::string& key, const nlohmann::json& value) {
-        auto& d = UserDefaults::standardUserDefaults();
-        if (!saved_.count(key))
-            saved_[key] = d.objectForKey(key).value_or(nullptr);
-        d.setVolatileObject(key, value);
-    }
-
-private:
-    std::map<std::string, nlohmann::json> saved_;
 };
 
 inline std::shared_ptr<EncoderSettings> gatedFormat(const std::string& extension,

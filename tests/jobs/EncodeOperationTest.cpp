@@ -14,28 +14,16 @@
 #include "platform/MainRunLoop.h"
 #include "platform/TaggingThread.h"
 #include "platform/UserDefaults.h"
+#include "support/JobsTestSupport.h"
 #include "support/TestSupport.h"
 
 using namespace velvox;
+using velvox::test::Batch;
+using velvox::test::Preferences;
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
 namespace {
-
-class Batch : public EncodeOperationDelegate {
-public:
-    bool createdOutputPathsContains(const std::string& path) override {
-        EXPECT_TRUE(MainRunLoop::shared().isMainThread());
-        return created.count(path) != 0;
-    }
-    void addCreatedOutputPath(const std::string& path) override {
-        EXPECT_TRUE(MainRunLoop::shared().isMainThread());
-        created.insert(path);
-    }
-    TaggingThread& taggingThread() override { return tagging; }
-    std::set<std::string> created;
-    TaggingThread tagging;
-};
 
 // "Encodes" by copying the input's bytes to the temporary file, so that the
 // shared steps can be watched on their own.
@@ -51,24 +39,6 @@ public:
         moveEncodedFileToOutputLocation();
         performOnMainThread([this] { completeOperation(); }, true);
     }
-};
-
-// Preferences for one test, restored afterwards.
-class Preferences {
-public:
-    ~Preferences() {
-        for (const auto& [key, value] : saved_)
-            UserDefaults::standardUserDefaults().setVolatileObject(key, value);
-    }
-    void set(const std::string& key, const nlohmann::json& value) {
-        auto& d = UserDefaults::standardUserDefaults();
-        if (!saved_.count(key))
-            saved_[key] = d.objectForKey(key).value_or(nullptr);
-        d.setVolatileObject(key, value);
-    }
-
-private:
-    std::map<std::string, nlohmann::json> saved_;
 };
 
 std::shared_ptr<EncoderSettings> settingsWithExtension(const std::string& ext) {

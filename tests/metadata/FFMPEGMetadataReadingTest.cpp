@@ -9,8 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include "core/FFMPEGInputOpener.h"
 #include "metadata/AudioMetadata.h"
-#include "metadata/FFMPEGInputOpener.h"
 #include "metadata/MetadataFixtures.h"
 #include "platform/ErrorLog.h"
 #include "support/TestSupport.h"

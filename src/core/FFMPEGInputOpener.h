@@ -1,5 +1,5 @@
 #pragma once
-// Opens a file with libavformat for metadata reading. A file that is not
+// Opens a file with libavformat, for decoding and for metadata reading. A file that is not
 // there (yet) may still be arriving — a download finishing, a network share
 // catching up — so a missing file is retried a few times after a randomised
 // wait, so that parallel jobs do not retry in lockstep. Any other error gives

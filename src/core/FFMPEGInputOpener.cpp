@@ -1,4 +1,4 @@
-#include "metadata/FFMPEGInputOpener.h"
+#include "core/FFMPEGInputOpener.h"
 
 #include <cerrno>
 #include <ctime>
