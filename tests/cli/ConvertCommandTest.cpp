@@ -393,77 +393,6 @@ TEST(ConvertCommand, DeleteOriginalTrashesOnlySourcesThatConverted) {
     EXPECT_EQ(box.temporaryLeftovers(), std::vector<std::string>{});
 }
 
-TEST(ConvertCommand, AFileReEncodedOntoItselfReplacesItAndTrashesTheOldOneOnce) {
-    CommandSandbox box;
-    const std::string flac = box.src("song.flac");
-    ASSERT_NO_FATAL_FAILURE(makeSource(flac, 44100, 16, 2, 8820, 12));
-    ASSERT_NO_FATAL_FAILURE(tagFLAC(flac, {"TITLE=Song"}));
-    const std::vector<uint8_t> original = readFile(flac);
-    const std::string pcm = pcmMD5ByFlac(flac);
-
-    // Without --delete-original both stay.
-    Outcome r = box.run("convert -f flac:level=0 --same-folder " + shellQuote(flac));
-    EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
-    EXPECT_TRUE(contains(r.out, flac + " -> " + box.src("song 2.flac") + "\n")) << r.out;
-    EXPECT_EQ(readFile(flac), original);
-    fs::remove(box.src("song 2.flac"));
-
-    // With it, the new file takes the old one's place and the old one goes
-    // to the trash; the job must not trash the new file as its "source".
-    r = box.run("convert -f flac:level=0 --same-folder --delete-original " + shellQuote(flac));
-    EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
-    EXPECT_TRUE(contains(r.out, flac + " -> " + flac + "\n")) << r.out;
-    ASSERT_TRUE(fs::exists(flac));
-    EXPECT_NE(readFile(flac), original);
-    EXPECT_EQ(pcmMD5ByFlac(flac), pcm);
-    EXPECT_EQ(flacTags(flac).count("TITLE"), 1u);
-    EXPECT_EQ(filesBelow(box.src()), std::vector<std::string>{"song.flac"});
-    if (box.trashIsTheUsersOwn()) {
-        EXPECT_EQ(readFile(box.trashedFile("song.flac")), original);
-        EXPECT_EQ(filesBelow(box.dataHome() + "/Trash/files"),
-                  std::vector<std::string>{"song.flac"});
-    }
-    EXPECT_EQ(box.temporaryLeftovers(), std::vector<std::string>{});
-}
-
-TEST(ConvertCommand, EachOutputFormatGetsItsOwnFileWithItsOwnSettings) {
-    CommandSandbox box;
-    const std::string source = box.src("tone.wav");
-    ASSERT_NO_FATAL_FAILURE(
-        mustRun("sox -n -r 44100 -b 16 -c 2 " + shellQuote(source) + " synth 1 sine 440 sine 660"));
-    const std::string pcm = pcmMD5BySox(source, 16);
-
-    const Outcome r = box.run("convert -f flac:level=uncompressed -f flac:level=8,ext=fla -o " +
-                              shellQuote(box.out()) + " " + shellQuote(source));
-    EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
-    const std::string plain = box.out("tone.flac"), packed = box.out("tone.fla");
-    EXPECT_TRUE(contains(r.out, source + " -> " + plain + "\n")) << r.out;
-    EXPECT_TRUE(contains(r.out, source + " -> " + packed + "\n")) << r.out;
-    EXPECT_TRUE(contains(r.out, "1 converted, 0 skipped, 0 failed.\n")) << r.out;
-    EXPECT_EQ(pcmMD5ByFlac(plain), pcm);
-    EXPECT_EQ(pcmMD5ByFlac(packed), pcm);
-    // Verbatim subframes carry every sample as it is; a pure tone packs
-    // into a small fraction of that.
-    const uintmax_t pcmBytes = 44100u * 4u;
-    EXPECT_GT(fs::file_size(plain), pcmBytes);
-    EXPECT_LT(fs::file_size(packed), pcmBytes / 3);
-}
-
-TEST(ConvertCommand, SkipSameTypePassesOverFlacSources) {
-    CommandSandbox box;
-    const std::string flac = box.src("already.flac"), wav = box.src("other.wav");
-    ASSERT_NO_FATAL_FAILURE(makeSource(flac, 44100, 16, 2, 4410, 5));
-    ASSERT_NO_FATAL_FAILURE(makeSource(wav, 44100, 16, 2, 4410, 6));
-
-    const Outcome r = box.run("convert -f flac --skip-same-type -o " + shellQuote(box.out()) + " " +
-                              shellQuote(box.src()));
-    EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
-    EXPECT_TRUE(contains(r.out, "Skipped: " + flac + "\n")) << r.out;
-    EXPECT_TRUE(contains(r.out, wav + " -> " + box.out("other.flac") + "\n")) << r.out;
-    EXPECT_TRUE(contains(r.out, "1 converted, 1 skipped, 0 failed.\n")) << r.out;
-    EXPECT_EQ(filesBelow(box.out()), std::vector<std::string>{"other.flac"});
-}
-
 TEST(ConvertCommand, OutputsGoBesideTheSourceFlatOrInTheSourceTree) {
     CommandSandbox box;
     // Two files of one name in different folders, and what intake must pass
@@ -513,27 +442,6 @@ TEST(ConvertCommand, OutputsGoBesideTheSourceFlatOrInTheSourceTree) {
                                             "cd1/track.wav", "cd2/track.flac", "cd2/track.wav",
                                             "notes.txt"}));
     }
-    EXPECT_EQ(box.temporaryLeftovers(), std::vector<std::string>{});
-}
-
-TEST(ConvertCommand, AMissingOutputFolderStopsTheBatchBeforeAnyFile) {
-    CommandSandbox box;
-    const std::string source = box.src("song.wav");
-    ASSERT_NO_FATAL_FAILURE(makeSource(source, 44100, 16, 2, 4410, 10));
-    const std::string md5 = fileMD5(source);
-    const std::string missing = box.out("missing");
-
-    const Outcome r =
-        box.run("convert -f flac -o " + shellQuote(missing) + " " + shellQuote(source));
-    EXPECT_EQ(r.exitCode, 1) << r.out << r.err;
-    EXPECT_TRUE(contains(r.err, "Output Folder Not Found\n")) << r.err;
-    EXPECT_TRUE(contains(r.err, "The destination folder does not exist.  Please specify a new one "
-                                "in preferences.\n"))
-        << r.err;
-    EXPECT_FALSE(contains(r.out, "Converting")) << r.out;
-    EXPECT_FALSE(fs::exists(missing));
-    EXPECT_EQ(filesBelow(box.out()), std::vector<std::string>{});
-    EXPECT_EQ(fileMD5(source), md5);
     EXPECT_EQ(box.temporaryLeftovers(), std::vector<std::string>{});
 }
 

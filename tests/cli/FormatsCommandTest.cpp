@@ -53,22 +53,6 @@ std::vector<std::string> descriptions(const nlohmann::json& list) {
 
 } // namespace
 
-TEST(FormatsCommand, FreshPreferencesListTheRegisteredDefault) {
-    Velvox velvox;
-    const Outcome text = velvox("formats");
-    EXPECT_EQ(text.exitCode, 0);
-    EXPECT_EQ(text.out, "1. FLAC - Compression Level 5  [default]\n");
-
-    const auto list = velvox.list();
-    ASSERT_EQ(list.size(), 1u);
-    EXPECT_EQ(list[0]["number"], 1);
-    EXPECT_EQ(list[0]["default"], true);
-    EXPECT_EQ(list[0]["enabled"], true);
-    EXPECT_EQ(list[0]["settings"]["encoderType"], 2);
-    EXPECT_EQ(list[0]["settings"]["flacCompressionLevel"], 5);
-    EXPECT_TRUE(velvox.saved().is_null()); // listing saves nothing
-}
-
 TEST(FormatsCommand, AddRefusesDuplicatesAndEveryChangePersists) {
     Velvox velvox;
     EXPECT_EQ(velvox("formats --add flac:level=8").exitCode, 0);
@@ -109,58 +93,6 @@ TEST(FormatsCommand, AddRefusesDuplicatesAndEveryChangePersists) {
               "1. FLAC - Compression Level 8  [default]");
     EXPECT_EQ(velvox.list().size(), 3u);
     EXPECT_EQ(velvox.saved()["defaultEncoderSetting"], 0);
-}
-
-TEST(FormatsCommand, EnableDisableDefaultAndDuplicate) {
-    Velvox velvox;
-    ASSERT_EQ(velvox("formats --add opus:bitrate=96k").exitCode, 0);
-    ASSERT_EQ(velvox("formats --add vorbis").exitCode, 0);
-
-    EXPECT_EQ(velvox("formats --disable 1").exitCode, 0);
-    EXPECT_EQ(velvox.list()[0]["enabled"], false);
-    EXPECT_EQ(velvox("formats").out,
-              "1. FLAC - Compression Level 5  [default]  [disabled]\n2. Opus - 96 kbps VBR\n"
-              "3. Ogg Vorbis - VBR Quality 5\n");
-    EXPECT_EQ(velvox("formats --enable 1").exitCode, 0);
-    EXPECT_EQ(velvox.list()[0]["enabled"], true);
-
-    EXPECT_EQ(velvox("formats --default 3").exitCode, 0);
-    EXPECT_EQ(velvox.saved()["defaultEncoderSetting"], 2);
-    EXPECT_EQ(velvox.list()[2]["default"], true);
-
-    // The copy follows its original, disabled; the default keeps its format.
-    EXPECT_EQ(velvox("formats --duplicate 2").exitCode, 0);
-    const auto list = velvox.list();
-    ASSERT_EQ(list.size(), 4u);
-    EXPECT_EQ(list[2]["description"], "Opus - 96 kbps VBR");
-    EXPECT_EQ(list[2]["enabled"], false);
-    EXPECT_EQ(list[2]["settings"], [&] {
-        auto copy = list[1]["settings"];
-        copy["enabled"] = false;
-        return copy;
-    }());
-    EXPECT_EQ(list[3]["default"], true);
-    EXPECT_EQ(velvox.saved()["defaultEncoderSetting"], 3);
-
-    // Usage errors: no such number, a bad FORMAT, two changes at once.
-    const Outcome noSuch = velvox("formats --enable 9");
-    EXPECT_EQ(noSuch.exitCode, 2);
-    EXPECT_NE(noSuch.err.find("no output format 9"), std::string::npos) << noSuch.err;
-    EXPECT_EQ(velvox("formats --remove 0").exitCode, 2);
-    const Outcome badFormat = velvox("formats --add flac:lvl=5");
-    EXPECT_EQ(badFormat.exitCode, 2);
-    EXPECT_NE(badFormat.err.find("unknown key 'lvl' in 'flac:lvl=5'"), std::string::npos)
-        << badFormat.err;
-    EXPECT_EQ(velvox("formats --add flac:level=7 --default 1").exitCode, 2);
-    EXPECT_EQ(velvox.list().size(), 4u);
-}
-
-TEST(FormatsCommand, TheOnlyFormatStays) {
-    Velvox velvox;
-    const Outcome r = velvox("formats --remove 1");
-    EXPECT_EQ(r.exitCode, 1);
-    EXPECT_NE(r.err.find("only one"), std::string::npos) << r.err;
-    EXPECT_EQ(velvox.list().size(), 1u);
 }
 
 TEST(FormatsCommand, SetChangesPreferencesForOneRunBeforeOrAfterTheCommand) {

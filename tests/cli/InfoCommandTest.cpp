@@ -125,26 +125,6 @@ TEST(InfoCommand, JsonHasEveryPresentFieldWithItsJsonType) {
     EXPECT_EQ(art["comments"], "Front cover");
 }
 
-TEST(InfoCommand, TextOutputListsTheFieldsAndThePicture) {
-    TempDir dir;
-    const std::string png = dir.file("cover.png");
-    writePNG(png);
-    const std::string flac = dir.file("a.flac");
-    makeTaggedFLAC(flac, {"TITLE=Song", "TRACKNUMBER=7", "COMPILATION=0"}, png);
-
-    const Outcome r = runVelvox(dir, "info " + shellQuote(flac));
-    EXPECT_EQ(r.exitCode, 0) << r.err;
-    EXPECT_EQ(r.out.substr(0, r.out.find('\n')), flac);
-    EXPECT_NE(r.out.find("\n  trackTitle  "), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find(" Song\n"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("partOfACompilation  no\n"), std::string::npos) << r.out;
-    const std::string md5 = md5Hex(readFile(png));
-    EXPECT_NE(r.out.find("image/png, 24 x 16, " + std::to_string(readFile(png).size()) +
-                         " bytes, MD5 " + md5 + ", picture type 3, \"Front cover\""),
-              std::string::npos)
-        << r.out;
-}
-
 TEST(InfoCommand, UnreadableFilesStillGetARecordAndExitWithOne) {
     TempDir dir;
     const std::string good = dir.file("good.flac");

@@ -72,34 +72,6 @@ TEST_F(NameCommandTest, ExpandsTheTemplateWithSafeValuesOneLinePerFile) {
     EXPECT_EQ(folders.out, "The Band/Unknown Album/12 of x\nUnknown Artist/Unknown Album/x\n");
 }
 
-TEST_F(NameCommandTest, SetChangesThePreferencesTheExpansionReads) {
-    const std::string expected = "3 - Song\n11 - Day:Night Live\nplain\n";
-    EXPECT_EQ(
-        velvox("--set useTwoDigitNumbers=false name --scheme " + kTrackScheme + " " + files_).out,
-        expected);
-    EXPECT_EQ(
-        velvox("name --scheme " + kTrackScheme + " --set useTwoDigitNumbers=false " + files_).out,
-        expected);
-    EXPECT_EQ(velvox("name --scheme " + kTrackScheme + " " + files_ + " --set " +
-                     shellQuote("useTwoDigitNumbers=false"))
-                  .out,
-              expected);
-
-    // Windows-safe names with the user's replacement text.
-    EXPECT_EQ(velvox("name --set createWindowsSafeFilenames=true --set "
-                     "replaceInvalidCharactersWith=- --scheme " +
-                     kTrackScheme + " " + shellQuote(live_))
-                  .out,
-              "11 - Day-Night Live\n");
-
-    // Without --scheme the saved naming scheme is used; a text value that is
-    // not JSON is taken as it stands.
-    EXPECT_EQ(velvox("--set " + shellQuote("customNamingScheme={trackArtist} - {trackTitle}") +
-                     " name " + shellQuote(song_))
-                  .out,
-              "The Band - Song\n");
-}
-
 TEST_F(NameCommandTest, FormatFillsTheOutputSpecifiers) {
     const std::string scheme = shellQuote("{trackTitle}{ [outputFormat]}{ (encodingFormat)}");
     EXPECT_EQ(velvox("name --scheme " + scheme + " " + shellQuote(song_)).out, "Song\n");

@@ -60,14 +60,6 @@ std::unique_ptr<CountingDecoder> counting(uint32_t total, uint32_t perFill) {
     return d;
 }
 
-std::string reasonOf(const std::function<void()>& f) {
-    try {
-        f();
-    } catch (const Exception& e) {
-        return e.reason();
-    }
-    return "(no exception)";
-}
 
 } // namespace
 
@@ -105,31 +97,6 @@ TEST(KDDecoder, FillsAtMostOncePerReadAndNotWhenEnoughIsBuffered) {
     EXPECT_EQ(d->fills, before);
 }
 
-TEST(KDDecoder, ReadAudioChecksItsParameters) {
-    auto d = counting(10, 10);
-    std::vector<uint8_t> buf(64);
-    auto list = AudioBufferList::single(buf.data(), 64, 2);
-    EXPECT_EQ(reasonOf([&] { d->readAudio(nullptr, 1); }),
-              "Invalid parameter not satisfying: NULL != bufferList");
-    AudioBufferList none;
-    EXPECT_EQ(reasonOf([&] { d->readAudio(&none, 1); }),
-              "Invalid parameter not satisfying: 0 < bufferList->mNumberBuffers");
-    EXPECT_EQ(reasonOf([&] { d->readAudio(&list, 0); }),
-              "Invalid parameter not satisfying: 0 < frameCount");
-    EXPECT_EQ(reasonOf([&] { d->readAudio(&list, 17); }),
-              "Invalid parameter not satisfying: bufferList->mBuffers[0].mDataByteSize >= "
-              "byteCount");
-}
-
-TEST(KDDecoder, CancelOnlyRaisesAFlag) {
-    auto d = counting(10, 10);
-    EXPECT_FALSE(d->isCancelled());
-    d->cancel();
-    EXPECT_TRUE(d->isCancelled());
-    EXPECT_TRUE(d->decodesInRealTime());
-    EXPECT_FALSE(d->decodeToFile("/tmp/never"));
-}
-
 TEST(KDDecoderFactory, RowsPickTheirDecoderClassEvenWhenItIsNotBuilt) {
     // Rows whose decoders arrive later must name them and fail cleanly.
     test::TempDir dir;
@@ -147,12 +114,4 @@ TEST(KDDecoderFactory, RowsPickTheirDecoderClassEvenWhenItIsNotBuilt) {
         ASSERT_GT(lines.size(), mark);
         EXPECT_NE(lines[mark].find(cls), std::string::npos) << lines[mark];
     }
-}
-
-TEST(KDDecoderFactory, UnregisteredClassNamesItsFileAndClass) {
-    const size_t mark = ErrorLog::sharedController().count();
-    EXPECT_EQ(KDDecoder::decoderOfClass("NoSuchDecoder", "/x/y.zzz"), nullptr);
-    EXPECT_EQ(ErrorLog::sharedController().messages().at(mark),
-              "No Decoder Is Available For File: /x/y.zzz (NoSuchDecoder is not part of this "
-              "build)");
 }

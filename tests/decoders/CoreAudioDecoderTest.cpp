@@ -67,14 +67,6 @@ std::vector<uint8_t> expectedPCM(const std::vector<int32_t>& samples, uint32_t b
 
 void run(const std::string& command) { ASSERT_EQ(runCommand(command).exitCode, 0) << command; }
 
-// sox's reading of a file, as signed little-endian samples of the given width.
-std::vector<uint8_t> soxPCM(const std::string& path, uint32_t bits) {
-    const auto r = runCommand("sox " + shellQuote(path) + " -t raw -e signed -L -b " +
-                              std::to_string(bits) + " -");
-    EXPECT_EQ(r.exitCode, 0);
-    return std::vector<uint8_t>(r.output.begin(), r.output.end());
-}
-
 // ffmpeg's own 16-bit decoding of the first audio stream.
 std::vector<uint8_t> ffmpegS16(const std::string& path) {
     const auto r = runCommand("ffmpeg -v error -i " + shellQuote(path) + " -map 0:a:0 -f s16le -");
@@ -111,13 +103,6 @@ void writeFloatWav(const std::string& path, const std::vector<float>& samples, u
     put32(file, uint32_t(data.size()));
     file.insert(file.end(), data.begin(), data.end());
     writeFile(path, file);
-}
-
-size_t countLines(const std::string& text) {
-    size_t n = 0;
-    for (const auto& m : ErrorLog::sharedController().messages())
-        n += m.find(text) != std::string::npos;
-    return n;
 }
 
 } // namespace
@@ -190,68 +175,6 @@ TEST(CoreAudioDecoderTest, FloatWaveBecomes32BitIntegerRoundedAndClipped) {
     EXPECT_EQ(got, expected);
 }
 
-TEST(CoreAudioDecoderTest, OtherUncompressedContainersMatchTheirSource) {
-    if (!haveTool("sox") || !haveTool("ffmpeg"))
-        GTEST_SKIP() << "sox and ffmpeg are needed for the fixtures";
-    TempDir dir;
-    struct Case {
-        const char* name;
-        uint32_t bits;
-        uint32_t channels;
-        const char* make; // command; %in and %out are replaced
-    };
-    const Case cases[] = {
-        {"a16.aiff", 16, 2, "sox %in %out"},
-        {"a24.aiff", 24, 2, "sox %in %out"},
-        {"c16.aifc", 16, 1, "sox %in -t aifc %out"},
-        {"c24.caf", 24, 2, "sox %in %out"},
-        {"f16.caf", 16, 3, "ffmpeg -v error -i %in -c:a pcm_s16le %out"},
-        {"u16.au", 16, 2, "sox %in %out"},
-        {"w24.w64", 24, 4, "sox %in %out"},
-        {"r16.wav", 16, 2, "ffmpeg -v error -i %in -rf64 always %out"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        const uint32_t frames = 12345;
-        const auto signal = makeSignal(frames, c.channels, c.bits, 3);
-        const std::string source = dir.file(std::string(c.name) + ".src.wav");
-        writeWav(source, signal, c.channels, 32000, c.bits);
-        std::string command = c.make;
-        command.replace(command.find("%in"), 3, shellQuote(source));
-        command.replace(command.find("%out"), 4, shellQuote(dir.file(c.name)));
-        run(command);
-
-        auto decoder = openCoreAudio(dir.file(c.name));
-        ASSERT_TRUE(decoder);
-        EXPECT_EQ(decoder->decodeFormat().mBitsPerChannel, c.bits);
-        EXPECT_EQ(decoder->decodeFormat().mChannelsPerFrame, c.channels);
-        EXPECT_EQ(decoder->totalFrames(), int64_t(frames));
-        const Decoded d = decodeAll(*decoder);
-        EXPECT_EQ(d.frames, frames);
-        EXPECT_EQ(md5Hex(d.pcm), md5Hex(expectedPCM(signal, c.bits)));
-    }
-}
-
-TEST(CoreAudioDecoderTest, CompandedDataDecodeTo16BitsLikeSox) {
-    if (!haveTool("sox"))
-        GTEST_SKIP() << "sox is needed for the fixtures";
-    TempDir dir;
-    const auto signal = makeSignal(8000, 1, 16, 5);
-    writeWav(dir.file("src.wav"), signal, 1, 8000, 16);
-    for (const char* encoding : {"u-law", "a-law"}) {
-        SCOPED_TRACE(encoding);
-        const std::string path = dir.file(std::string(encoding) + ".au");
-        run("sox -D " + shellQuote(dir.file("src.wav")) + " -e " + encoding + " " +
-            shellQuote(path));
-        auto decoder = openCoreAudio(path);
-        ASSERT_TRUE(decoder);
-        EXPECT_EQ(decoder->decodeFormat().mBitsPerChannel, 16u);
-        const Decoded d = decodeAll(*decoder);
-        EXPECT_EQ(d.frames, 8000u);
-        EXPECT_EQ(md5Hex(d.pcm), md5Hex(soxPCM(path, 16)));
-    }
-}
-
 TEST(CoreAudioDecoderTest, ChannelLayoutsFollowTheFile) {
     TempDir dir;
     struct Case {
@@ -291,76 +214,6 @@ TEST(CoreAudioDecoderTest, ChannelLayoutsFollowTheFile) {
     ASSERT_TRUE(decoder);
     EXPECT_EQ(decoder->channelLayout()->mChannelLayoutTag, kAudioChannelLayoutTag_UseChannelBitmap);
     EXPECT_EQ(decoder->channelLayout()->mChannelBitmap, 0x3FFu);
-}
-
-TEST(CoreAudioDecoderTest, ChannelDescriptionsOfCafFilesAreKept) {
-    if (!haveTool("ffmpeg"))
-        GTEST_SKIP() << "ffmpeg is needed for the fixtures";
-    TempDir dir;
-    writeWav(dir.file("six.wav"), makeSignal(500, 6, 16), 6, 48000, 16, 0x60F);
-    writeWav(dir.file("two.wav"), makeSignal(500, 2, 16), 2, 48000, 16, 0x3);
-    run("ffmpeg -v error -i " + shellQuote(dir.file("six.wav")) + " -c:a pcm_s16le " +
-        shellQuote(dir.file("six.caf")));
-    run("ffmpeg -v error -i " + shellQuote(dir.file("two.wav")) + " -c:a pcm_s16le " +
-        shellQuote(dir.file("two.caf")));
-
-    auto six = openCoreAudio(dir.file("six.caf"));
-    ASSERT_TRUE(six);
-    const AudioChannelLayout* layout = six->channelLayout();
-    ASSERT_NE(layout, nullptr);
-    EXPECT_EQ(layout->mChannelLayoutTag, kAudioChannelLayoutTag_UseChannelDescriptions);
-    std::vector<AudioChannelLabel> labels;
-    for (const auto& d : layout->mChannelDescriptions)
-        labels.push_back(d.mChannelLabel);
-    const std::vector<AudioChannelLabel> fivePointOne = {
-        kAudioChannelLabel_Left,         kAudioChannelLabel_Right,
-        kAudioChannelLabel_Center,       kAudioChannelLabel_LFEScreen,
-        kAudioChannelLabel_LeftSurround, kAudioChannelLabel_RightSurround};
-    EXPECT_EQ(labels, fivePointOne);
-    EXPECT_EQ(layout->mNumberChannelDescriptions, 6u);
-
-    auto two = openCoreAudio(dir.file("two.caf"));
-    ASSERT_TRUE(two);
-    EXPECT_EQ(two->channelLayout()->mChannelLayoutTag, kAudioChannelLayoutTag_Stereo);
-}
-
-TEST(CoreAudioDecoderTest, AdjustedLayoutRules) {
-    auto bitmap = std::make_unique<AudioChannelLayout>();
-    bitmap->mChannelLayoutTag = kAudioChannelLayoutTag_UseChannelBitmap;
-    bitmap->mChannelBitmap = 0x3F;
-    EXPECT_EQ(CoreAudioDecoder::adjustedChannelLayout(std::move(bitmap), 6)->mChannelLayoutTag,
-              kAudioChannelLayoutTag_MPEG_5_1_A);
-
-    auto oneDescription = std::make_unique<AudioChannelLayout>();
-    oneDescription->mChannelLayoutTag = kAudioChannelLayoutTag_UseChannelDescriptions;
-    EXPECT_EQ(
-        CoreAudioDecoder::adjustedChannelLayout(std::move(oneDescription), 1)->mChannelLayoutTag,
-        kAudioChannelLayoutTag_Mono);
-
-    auto tagged = std::make_unique<AudioChannelLayout>();
-    tagged->mChannelLayoutTag = kAudioChannelLayoutTag_MPEG_5_0_B;
-    EXPECT_EQ(CoreAudioDecoder::adjustedChannelLayout(std::move(tagged), 5)->mChannelLayoutTag,
-              kAudioChannelLayoutTag_MPEG_5_0_B);
-}
-
-TEST(CoreAudioDecoderTest, DecodeDepthRules) {
-    AudioStreamBasicDescription alac{};
-    alac.mFormatID = kAudioFormatAppleLossless;
-    const std::pair<uint32_t, uint32_t> alacDepths[] = {{1, 16}, {2, 20}, {3, 24},
-                                                        {4, 32}, {0, 16}, {9, 16}};
-    for (auto [flag, bits] : alacDepths) {
-        alac.mFormatFlags = flag;
-        EXPECT_EQ(CoreAudioDecoder::decodeBitsForSourceFormat(alac), bits) << flag;
-    }
-    AudioStreamBasicDescription mp3{};
-    mp3.mFormatID = kAudioFormatMPEGLayer3;
-    EXPECT_EQ(CoreAudioDecoder::decodeBitsForSourceFormat(mp3), 16u);
-    AudioStreamBasicDescription pcm{};
-    pcm.mFormatID = kAudioFormatLinearPCM;
-    pcm.mBitsPerChannel = 24;
-    EXPECT_EQ(CoreAudioDecoder::decodeBitsForSourceFormat(pcm), 24u);
-    pcm.mBitsPerChannel = 64;
-    EXPECT_EQ(CoreAudioDecoder::decodeBitsForSourceFormat(pcm), 32u);
 }
 
 TEST(CoreAudioDecoderTest, AppleLosslessDecodesToItsSourceSamples) {
@@ -440,44 +293,6 @@ TEST(CoreAudioDecoderTest, LossyFormatsDecodeTo16BitsLikeFfmpeg) {
         }
         EXPECT_EQ(md5Hex(d.pcm), md5Hex(reference));
     }
-}
-
-TEST(CoreAudioDecoderTest, DamagedAndForeignFilesFailOrDecodeShort) {
-    TempDir dir;
-    ErrorLog::sharedController().clear();
-    writeFile(dir.file("text.wav"),
-              std::vector<uint8_t>({'h', 'e', 'l', 'l', 'o', ' ', 'w', 'o', 'r', 'l', 'd', '\n'}));
-    writeFile(dir.file("empty.wav"), {});
-    std::vector<uint8_t> noise(5000);
-    for (size_t i = 0; i < noise.size(); ++i)
-        noise[i] = uint8_t(i * 2654435761u >> 13);
-    noise[0] = 'R', noise[1] = 'I', noise[2] = 'F', noise[3] = 'F';
-    writeFile(dir.file("noise.wav"), noise);
-
-    for (const char* name : {"text.wav", "empty.wav", "noise.wav"}) {
-        SCOPED_TRACE(name);
-        CoreAudioDecoder decoder;
-        EXPECT_FALSE(decoder.initWithFilename(dir.file(name)));
-        EXPECT_EQ(KDDecoder::decoderWithFilename(dir.file(name)), nullptr);
-    }
-    EXPECT_GE(countLines("ExtAudioFileOpenURL Failed With Error: "), 3u);
-    EXPECT_EQ(countLines("Failed To Create Core Audio Decoder.  Attempting To Fall Back To FFMPEG "
-                         "Decoder"),
-              3u);
-
-    // The data chunk claims more than the file holds: what is there decodes.
-    const auto signal = makeSignal(10000, 2, 16, 9);
-    writeWav(dir.file("full.wav"), signal, 2, 44100, 16);
-    auto bytes = readFile(dir.file("full.wav"));
-    const size_t header = bytes.size() - signal.size() * 2;
-    bytes.resize(header + 4 * 6000 + 3); // 6000 frames and a partial one
-    writeFile(dir.file("cut.wav"), bytes);
-    auto decoder = openCoreAudio(dir.file("cut.wav"));
-    ASSERT_TRUE(decoder);
-    const Decoded d = decodeAll(*decoder);
-    EXPECT_EQ(d.frames, 6000u);
-    EXPECT_EQ(d.pcm, std::vector<uint8_t>(bytes.begin() + ptrdiff_t(header),
-                                          bytes.begin() + ptrdiff_t(header + 4 * 6000)));
 }
 
 TEST(CoreAudioDecoderTest, FactoryFallsBackToFfmpegForEncodingsItCannotRead) {

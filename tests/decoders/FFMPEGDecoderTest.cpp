@@ -94,49 +94,6 @@ TEST(FFMPEGDecoderTest, MissingFileIsTriedFourTimesThenLogged) {
     EXPECT_EQ(messages[1].rfind(path + ": ", 0), 0u);
 }
 
-TEST(FFMPEGDecoderTest, FileThatAppearsBeforeTheLastTryIsOpened) {
-    TempDir dir;
-    const std::string path = dir.file("late.wav");
-    const auto signal = makeSignal(1000, 2, 16);
-    RecordedSleep sleep([&](int call) {
-        if (call == FFMPEGDecoder::kMaxOpenTries - 1)
-            writeWav(path, signal, 2, 44100, 16);
-    });
-    auto decoder = openFFmpeg(path);
-    ASSERT_TRUE(decoder);
-    EXPECT_EQ(sleep.durations.size(), size_t(FFMPEGDecoder::kMaxOpenTries - 1));
-    EXPECT_EQ(decodeAll(*decoder).pcm, packLittleEndian(signal, 16));
-}
-
-TEST(FFMPEGDecoderTest, OtherOpenFailuresAreNotRetried) {
-    TempDir dir;
-    writeFile(dir.file("text.mov"), std::vector<uint8_t>(100, 'x'));
-    writeFile(dir.file("empty.avi"), {});
-    RecordedSleep sleep;
-    ErrorLog::sharedController().clear();
-    EXPECT_EQ(KDDecoder::decoderWithFilename(dir.file("text.mov")), nullptr);
-    EXPECT_EQ(KDDecoder::decoderWithFilename(dir.file("empty.avi")), nullptr);
-    EXPECT_TRUE(sleep.durations.empty());
-    EXPECT_FALSE(ErrorLog::sharedController().messages().empty());
-}
-
-TEST(FFMPEGDecoderTest, TotalFramesCountsWholeSecondsOnly) {
-    TempDir dir;
-    const uint32_t frames = 480690; // 10.9 s at 44.1 kHz
-    const auto signal = makeSignal(frames, 1, 16, 2);
-    writeWav(dir.file("long.wav"), signal, 1, 44100, 16);
-    auto decoder = openFFmpeg(dir.file("long.wav"));
-    ASSERT_TRUE(decoder);
-    EXPECT_EQ(decoder->totalFrames(), 441000);
-    EXPECT_FALSE(decoder->totalFramesIsExact());
-    EXPECT_EQ(decoder->channelLayout()->mChannelLayoutTag, kAudioChannelLayoutTag_Mono);
-
-    // Packed 16-bit data are copied as they come.
-    const Decoded d = decodeAll(*decoder);
-    EXPECT_EQ(d.frames, frames);
-    EXPECT_EQ(md5Hex(d.pcm), md5Hex(packLittleEndian(signal, 16)));
-}
-
 TEST(FFMPEGDecoderTest, SampleFormatsBecome16BitOrStayUnsigned8Bit) {
     if (!haveTool("ffmpeg"))
         GTEST_SKIP() << "ffmpeg is needed for the fixtures";

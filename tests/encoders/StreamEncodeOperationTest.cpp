@@ -228,44 +228,6 @@ TEST_F(StreamEncodeOperationTest, ChunksReachTheCodecUnchangedAndTheFileIsMovedI
     EXPECT_EQ(op->currentStatus(), "in.wav - Moving To Output Location");
 }
 
-TEST_F(StreamEncodeOperationTest, ReadBufferSizeFollowsTheDecodersSampleSize) {
-    struct Case {
-        uint32_t channels, bits, framesPerChunk;
-    } cases[] = {{2, 16, 65536 / 4}, {1, 8, 32768}, {2, 24, 32768 / 6}};
-    for (const Case& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.bits << " bit");
-        const auto signal = test::makeSignal(100000, c.channels, c.bits);
-        auto op = operation([&] {
-            auto d = std::make_unique<ScriptedDecoder>(signal, c.channels, c.bits, 44100);
-            d->framesPerFill = 1u << 20;
-            return d;
-        });
-        test::runToEnd(*op);
-        ASSERT_TRUE(op->success());
-        EXPECT_EQ(*std::max_element(op->chunkFrames.begin(), op->chunkFrames.end()),
-                  c.framesPerChunk);
-        EXPECT_TRUE(test::sameBytes(op->pcm, bytesOf(signal, c.bits)));
-        fs::remove(outPath());
-    }
-}
-
-TEST_F(StreamEncodeOperationTest, EmptyReadsBeforeTheEndArePolledAgainWithoutCountingAChunk) {
-    const auto signal = test::makeSignal(20000, 2, 16);
-    auto op = operation([&] {
-        auto d = std::make_unique<ScriptedDecoder>(signal, 2, 16, 44100);
-        d->gaps = true;
-        return d;
-    });
-    test::runToEnd(*op);
-    ASSERT_TRUE(op->success());
-    EXPECT_TRUE(test::sameBytes(op->pcm, bytesOf(signal, 16)));
-    // Twenty fills of 1000 frames, twenty chunks: the empty reads in between
-    // never became chunks, so progress still came at chunk 8 and 16.
-    EXPECT_EQ(op->chunkFrames.size(), 20u);
-    EXPECT_EQ(std::count(op->chunkFrames.begin(), op->chunkFrames.end(), 0u), 0);
-    EXPECT_EQ(op->statusAtChunk[16], "Encoding FLAC - 80.0%");
-}
-
 TEST_F(StreamEncodeOperationTest, EmptyReadsDoNotEndTheInputOfTheResampler) {
     // The same input with and without empty reads must resample to the same
     // output: an empty read taken as the end of input would flush the
@@ -326,41 +288,6 @@ TEST_F(StreamEncodeOperationTest, AFailingCodecIsReleasedAndItsFileRemoved) {
     EXPECT_FALSE(op->taggedOnTaggingThread);
 }
 
-TEST_F(StreamEncodeOperationTest, UnsupportedSampleSizeFailsBeforeTheCodecIsOpened) {
-    const auto signal = test::makeSignal(1000, 2, 32);
-    auto op = operation([&] { return std::make_unique<ScriptedDecoder>(signal, 2, 32, 44100); });
-    test::LogWatch log;
-    test::runToEnd(*op);
-    EXPECT_FALSE(op->success());
-    EXPECT_TRUE(log.contains("Capture Encode Operation Failed To Encode File: in.wav.  "
-                             "Error:Capture does not take 32 bit input."));
-    EXPECT_EQ(op->setUps, 0);
-    EXPECT_FALSE(op->tempFilePath());
-}
-
-TEST_F(StreamEncodeOperationTest, MissingDecoderAbortsWithTheDecoderTexts) {
-    {
-        auto op = operation([] { return std::unique_ptr<ScriptedDecoder>(); });
-        test::LogWatch log;
-        test::runToEnd(*op);
-        EXPECT_FALSE(op->success());
-        EXPECT_TRUE(log.contains(
-            "Capture Encode Operation Aborting.  Could Not Initialize Decoder For: " + inPath()));
-        EXPECT_EQ(op->setUps, 0);
-    }
-    {
-        auto op = operation([]() -> std::unique_ptr<ScriptedDecoder> {
-            throw Exception(Exception::kInternalInconsistency, "Bad Stream");
-        });
-        test::LogWatch log;
-        test::runToEnd(*op);
-        EXPECT_FALSE(op->success());
-        EXPECT_TRUE(log.contains("Capture Encode Operation Aborting.  Could Not Initialize "
-                                 "Decoder For: " +
-                                 inPath() + " Error: Bad Stream"));
-    }
-}
-
 TEST_F(StreamEncodeOperationTest, DecoderThatIsNotRealTimeIsDecodedToAFileFirst) {
     const auto signal = test::makeSignal(30000, 2, 16);
     for (bool decodes : {true, false}) {
@@ -387,20 +314,6 @@ TEST_F(StreamEncodeOperationTest, DecoderThatIsNotRealTimeIsDecodedToAFileFirst)
     }
 }
 
-TEST_F(StreamEncodeOperationTest, ChannelsWithoutAMixMapPassThroughWhenTheCountStays) {
-    // Seven channels: the target layout has no speaker names, so no mixer.
-    const auto seven = test::makeSignal(4000, 7, 16);
-    auto op = operation([&] {
-        auto d = std::make_unique<ScriptedDecoder>(seven, 7, 16, 44100);
-        d->setLayout(createChannelLayoutWithTag(kAudioChannelLayoutTag_MPEG_6_1_A));
-        return d;
-    });
-    test::runToEnd(*op);
-    ASSERT_TRUE(op->success());
-    EXPECT_EQ(op->chunkChannels, 7u);
-    EXPECT_TRUE(test::sameBytes(op->pcm, bytesOf(seven, 16)));
-}
-
 TEST_F(StreamEncodeOperationTest, ChannelsWithoutAMixMapFailWhenTheCountMustChange) {
     // The same speaker named three times cannot be mapped to anything.
     const auto three = test::makeSignal(4000, 3, 16);
@@ -424,20 +337,4 @@ TEST_F(StreamEncodeOperationTest, ChannelsWithoutAMixMapFailWhenTheCountMustChan
     EXPECT_TRUE(log.contains("Capture Encode Operation Failed To Encode File: in.wav.  "
                              "Error:Could Not Create A Channel Mixer From 3 To 2 Channels."));
     EXPECT_FALSE(fs::exists(*op->tempFilePath()));
-}
-
-TEST_F(StreamEncodeOperationTest, StereoWithoutALayoutIsStillMixedToMono) {
-    settings->setChannelMode(3);
-    const auto signal = test::makeSignal(10000, 2, 16);
-    auto op = operation([&] { return std::make_unique<ScriptedDecoder>(signal, 2, 16, 44100); });
-    test::runToEnd(*op);
-    ASSERT_TRUE(op->success());
-    EXPECT_EQ(op->targetChannels(), 1u);
-    EXPECT_EQ(op->chunkChannels, 1u);
-    ASSERT_EQ(op->pcm.size(), 10000u * 2);
-    for (size_t f = 0; f < 10000; f += 997) {
-        const int16_t mono = int16_t(op->pcm[2 * f] | (op->pcm[2 * f + 1] << 8));
-        const double expected = 0.70710677 * (signal[2 * f] + signal[2 * f + 1]);
-        EXPECT_NEAR(mono, std::clamp(expected, -32768.0, 32767.0), 1.0) << "frame " << f;
-    }
 }

@@ -297,24 +297,6 @@ TEST_F(OverwriteQuestionTest, ApplyToAllAnswersTheRestOfTheBatchWithoutAsking) {
         EXPECT_EQ(output(i), "audio " + std::to_string(i));
 }
 
-TEST_F(OverwriteQuestionTest, APresetAnswerIsNeverAsked) {
-    controller.setInitialOverwriteHandling(ApplicationController::OverwriteHandlingKeepBoth);
-    runBatch();
-    EXPECT_TRUE(ui.questions.empty());
-    for (int i = 1; i <= 3; ++i) {
-        EXPECT_EQ(output(i), "old");
-        EXPECT_EQ(output(i, " 2"), "audio " + std::to_string(i));
-    }
-
-    drop(controller, inputs);
-    controller.setInitialOverwriteHandling(ApplicationController::OverwriteHandlingOverwrite);
-    runBatch();
-    EXPECT_TRUE(ui.questions.empty());
-    for (int i = 1; i <= 3; ++i)
-        EXPECT_EQ(output(i), "audio " + std::to_string(i));
-    EXPECT_FALSE(fs::exists(out.path() / "Track1 3.flac"));
-}
-
 TEST_F(OverwriteQuestionTest, CancelWithdrawsTheQuestionAndFinishesTheWaitingFile) {
     ui.answerCode = 0; // nobody answers
     controller.encode();

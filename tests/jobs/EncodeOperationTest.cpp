@@ -84,35 +84,7 @@ void writeText(const std::string& path, const std::string& s) {
     test::writeFile(path, std::vector<uint8_t>(s.begin(), s.end()));
 }
 
-size_t temporaryFilesOfThisSession() {
-    char prefix[32];
-    std::snprintf(prefix, sizeof prefix, "Velvox-%.8x-", unsigned(getsid(0)));
-    size_t n = 0;
-    for (const auto& e : fs::directory_iterator(fs::temp_directory_path()))
-        n += e.path().filename().string().rfind(prefix, 0) == 0;
-    return n;
-}
-
 } // namespace
-
-TEST(EncodeOperation, OutputBesideTheSourceTakesTheFormatsExtension) {
-    test::TempDir dir;
-    Preferences prefs;
-    prefs.set("outputSameAsSource", true);
-    prefs.set("useCustomNamingScheme", false);
-    Batch batch;
-    writeText(dir.file("Song.wav"), "audio");
-    const size_t tempsBefore = temporaryFilesOfThisSession();
-    auto op = makeOperation(batch, dir.file("Song.wav"), dir.file("Song.wav"), "flac");
-    run(*op);
-    EXPECT_TRUE(op->success());
-    EXPECT_EQ(op->outFilePath(), dir.file("Song.flac"));
-    EXPECT_EQ(text(dir.file("Song.flac")), "audio");
-    EXPECT_EQ(text(dir.file("Song.wav")), "audio"); // the source is untouched
-    EXPECT_EQ(fs::status(dir.file("Song.flac")).permissions() & fs::perms::all, fs::perms(0644));
-    EXPECT_EQ(batch.created, std::set<std::string>{dir.file("Song.flac")});
-    EXPECT_EQ(temporaryFilesOfThisSession(), tempsBefore);
-}
 
 TEST(EncodeOperation, DestinationFolderPreservedTreeAndNamingScheme) {
     test::TempDir dir;
@@ -229,56 +201,6 @@ TEST(EncodeOperation, AskingBeforeOverwritingStopsAndWaits) {
     run(*op);
     EXPECT_TRUE(op->isFinished());
     EXPECT_EQ(text(dir.file("Song.flac")), "new");
-}
-
-TEST(EncodeOperation, MusicLibraryFolderIsRefused) {
-    test::TempDir dir;
-    Preferences prefs;
-    prefs.set("outputSameAsSource", false);
-    prefs.set("useCustomNamingScheme", false);
-    prefs.set("preserveInputFileDirectoryStructure", false);
-    prefs.set("destinationDirectory",
-              (FileManager::homeDirectory() / "Music/iTunes/iTunes Media").string());
-    Batch batch;
-    writeText(dir.file("Song.wav"), "x");
-    auto op = makeOperation(batch, dir.file("Song.wav"), dir.file("Song.wav"), "flac");
-    const size_t mark = ErrorLog::sharedController().count();
-    run(*op);
-    EXPECT_TRUE(op->isFinished());
-    EXPECT_FALSE(op->success());
-    EXPECT_FALSE(op->outFilePath());
-    EXPECT_EQ(ErrorLog::sharedController().messages().at(mark),
-              "Tracks can not be written to your iTunes library folder.  Please choose an "
-              "alternate destination folder in the preferences.");
-}
-
-TEST(EncodeOperation, CancelledBeforeStartFinishesAsSuccess) {
-    Batch batch;
-    auto op = makeOperation(batch, "/nowhere/x.wav", "/nowhere/x.wav", "flac");
-    std::vector<std::string> keys;
-    op->addObserver("isFinished", [&](Observable&, const std::string& key,
-                                      Observable::ChangePhase) { keys.push_back(key); });
-    op->cancel();
-    op->start();
-    EXPECT_TRUE(op->isFinished());
-    EXPECT_TRUE(op->success());
-    EXPECT_EQ(keys.size(), 1u);
-}
-
-TEST(EncodeOperation, DecoderProgressBecomesPercent) {
-    Batch batch;
-    auto op = makeOperation(batch, "/nowhere/x.wav", "/nowhere/x.wav", "flac");
-    class Dummy : public KDDecoder {
-    public:
-        const char* className() const override { return "Dummy"; }
-    } decoder;
-    op->decoderDidUpdateProgressPercent(decoder, 0.257);
-    EXPECT_EQ(op->totalFrames(), 100);
-    EXPECT_EQ(op->currentFrame(), 25);
-    EXPECT_FALSE(decoder.isCancelled());
-    op->cancel();
-    op->decoderDidUpdateProgressPercent(decoder, 0.5);
-    EXPECT_TRUE(decoder.isCancelled());
 }
 
 TEST(EncodeOperation, ArtworkIsSavedBesideTheOutputByItsType) {

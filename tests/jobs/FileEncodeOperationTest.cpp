@@ -74,24 +74,6 @@ TEST_F(FileEncodeOperationTest, ProgressCountsFinishedFormatsAndTheRunningOnesPa
     EXPECT_TRUE(fs::exists(out.path() / "Song.oga"));
 }
 
-TEST_F(FileEncodeOperationTest, StatusNamesTheFileAndTheOperationsStatus) {
-    controller.setEncoderSettings({gatedFormat("flac")});
-    writeText(in.file("Song.wav"), "audio");
-    drop(controller, {in.file("Song.wav")});
-    auto job = controller.operations().at(0);
-    EXPECT_EQ(job->currentStatus(), "Song.wav");
-    std::vector<std::string> statuses;
-    job->addObserver("currentStatus",
-                     [&](Observable&, const std::string&, Observable::ChangePhase) {
-                         EXPECT_TRUE(MainRunLoop::shared().isMainThread());
-                         statuses.push_back(job->currentStatus());
-                     });
-    runBatch();
-    // The copy-encoder's move step announces its status through the base class.
-    EXPECT_NE(std::find(statuses.begin(), statuses.end(), "Song.wav - Encoding Test"),
-              statuses.end());
-}
-
 TEST_F(FileEncodeOperationTest, SourceGoesToTheTrashOnlyWhenEveryOutputSucceeded) {
     prefs.set("deleteOriginal", true);
     controller.setEncoderSettings({gatedFormat("flac"), gatedFormat("oga", kSecondGatedType)});
@@ -137,18 +119,6 @@ TEST_F(FileEncodeOperationTest, OneFailedAndOneGoodFormatCountBothAndKeepTheSour
     EXPECT_FALSE(*success);
     EXPECT_TRUE(fs::exists(in.file("Song.wav")));
     EXPECT_TRUE(fs::exists(out.path() / "Song.flac"));
-}
-
-TEST_F(FileEncodeOperationTest, ReEncodingOntoItselfNeverTrashesTheSource) {
-    prefs.set("deleteOriginal", true);
-    prefs.set("outputSameAsSource", true);
-    controller.setEncoderSettings({gatedFormat("wav")});
-    writeText(in.file("Song.wav"), "audio");
-    drop(controller, {in.file("Song.wav")});
-    runBatch();
-    // The new file took the old one's place; the job left it there.
-    EXPECT_EQ(readText(in.file("Song.wav")), "audio");
-    EXPECT_EQ(controller.successfulCount(), 1);
 }
 
 TEST_F(FileEncodeOperationTest, FormatsOfTheInputsOwnTypeAreSkippedByTheirData) {

@@ -58,90 +58,6 @@ AudioMetadata titled(const std::string& title) {
 
 // ---- The string operations ------------------------------------------------
 
-TEST_F(FormatSpecifiersTest, DeepestGroupIsTheInnermostAndLastWithAName) {
-    const auto& names = FormatSpecifiers::specifierNames();
-    auto find = [&](const std::string& text) {
-        return FormatSpecifiers::rangeOfDeepestBracketContainingAnyFormatSpecifier(text, names);
-    };
-    EXPECT_EQ(find(""), std::nullopt);
-    EXPECT_EQ(find("trackTitle"), std::nullopt);
-    EXPECT_EQ(find("{nothing here}"), std::nullopt);
-    EXPECT_EQ(find("{trackTitle}"), (Range{0, 12}));
-    EXPECT_EQ(find("ab{x trackTitle y}"), (Range{2, 16}));
-    // Of equally deep groups the last one found is taken.
-    EXPECT_EQ(find("{year}{bpm}"), (Range{6, 5}));
-    EXPECT_EQ(find("{year}{x}"), (Range{0, 6}));
-    // Depth beats position.
-    EXPECT_EQ(find("{a{b{year}c}d}{trackTitle}"), (Range{4, 6}));
-    EXPECT_EQ(find("{trackTitle}{{{year}}}"), (Range{14, 6}));
-    // A deeper group without a name does not hide an earlier shallower one,
-    // but it does hide the shallower ones after it: only groups at the
-    // greatest depth seen so far count.
-    EXPECT_EQ(find("{trackTitle}{{x}}"), (Range{0, 12}));
-    EXPECT_EQ(find("{{x}}{trackTitle}"), std::nullopt);
-    // A "}" before any "{" closes nothing.
-    EXPECT_EQ(find("trackTitle}"), std::nullopt);
-    EXPECT_EQ(find("}{trackTitle}"), (Range{1, 12}));
-    EXPECT_EQ(find("{{trackTitle}"), (Range{1, 12}));
-    // Only the given names count, matched case-sensitively.
-    EXPECT_EQ(
-        FormatSpecifiers::rangeOfDeepestBracketContainingAnyFormatSpecifier("{year}{x}", {"x"}),
-        (Range{6, 3}));
-    EXPECT_EQ(find("{TrackTitle}"), std::nullopt);
-}
-
-TEST_F(FormatSpecifiersTest, ReplaceDropsBracesKeepsLiteralTextAndWalksOn) {
-    std::string s = "{trackTitle} - {Track trackTitle.}{x} trackTitle";
-    FormatSpecifiers::replaceFormatSpecifier(s, "trackTitle", "Song");
-    EXPECT_EQ(s, "Song - Track Song.{x} trackTitle");
-
-    // With braces given, and values longer and shorter than the name: the
-    // walk's end follows the change in length, reaching the last group.
-    for (const std::string value : {"A much longer value than the name", "", "v"}) {
-        std::string t = "{year}|{year}|{year}";
-        FormatSpecifiers::replaceFormatSpecifier(t, "{year}", value);
-        EXPECT_EQ(t, value + "|" + value + "|" + value);
-    }
-
-    // Every occurrence inside the group, and the value is not searched again.
-    std::string twice = "{year/year}";
-    FormatSpecifiers::replaceFormatSpecifier(twice, "year", "year year");
-    EXPECT_EQ(twice, "year year/year year");
-
-    // Only inside the range.
-    std::string ranged = "{bpm}{bpm}{bpm}";
-    FormatSpecifiers::replaceFormatSpecifier(ranged, "bpm", "120", Range{5, 5});
-    EXPECT_EQ(ranged, "{bpm}120{bpm}");
-
-    // The whole-string walk pairs the first "{" with the first "}".
-    std::string nested = "{a{trackTitle}}";
-    FormatSpecifiers::replaceFormatSpecifier(nested, "trackTitle", "Song");
-    EXPECT_EQ(nested, "a{Song}");
-
-    // Bare braces name nothing.
-    std::string bare = "{}{x}";
-    FormatSpecifiers::replaceFormatSpecifier(bare, "{}", "!");
-    EXPECT_EQ(bare, "{}{x}");
-}
-
-TEST_F(FormatSpecifiersTest, RemoveDeletesWholeGroupsOnly) {
-    std::string s = "a{b trackTitle c}d{trackTitle}{x}e}trackTitle";
-    FormatSpecifiers::removeFormatSpecifier(s, "{trackTitle}");
-    EXPECT_EQ(s, "ad{x}e}trackTitle");
-
-    std::string adjacent = "{genre}{genre}{genre}!";
-    FormatSpecifiers::removeFormatSpecifier(adjacent, "genre");
-    EXPECT_EQ(adjacent, "!");
-
-    std::string ranged = "{genre}{genre}{genre}";
-    FormatSpecifiers::removeFormatSpecifier(ranged, "genre", Range{7, 7});
-    EXPECT_EQ(ranged, "{genre}{genre}");
-
-    std::string stray = "}{genre";
-    FormatSpecifiers::removeFormatSpecifier(stray, "genre");
-    EXPECT_EQ(stray, "}{genre");
-}
-
 // ---- Expansion --------------------------------------------------------------
 
 TEST_F(FormatSpecifiersTest, TrackNumberGroupVanishesWithItsSeparator) {
@@ -229,13 +145,6 @@ TEST_F(FormatSpecifiersTest, NoHiddenNamesAndFolderOnlyTemplates) {
     EXPECT_EQ(expand("{genre}", &m, nullptr, "/x/.profile"), "profile");
 }
 
-TEST_F(FormatSpecifiersTest, SourceFormatAlwaysVanishes) {
-    AudioMetadata m;
-    m.setSourceFormat("MPEG-1 Layer 3");
-    EXPECT_EQ(expand("x{ Format: sourceFormat}y", &m), "xy");
-    EXPECT_EQ(expand("{sourceFormat}", &m), "Source");
-}
-
 TEST_F(FormatSpecifiersTest, NestedGroupsExpandFromTheInside) {
     AudioMetadata m = titled("Song");
     m.setTrackNumber(3);
@@ -266,41 +175,6 @@ TEST_F(FormatSpecifiersTest, NestedGroupsExpandFromTheInside) {
     EXPECT_EQ(expand("{{discNumber}-}{trackNumber}", &partial), "{-}3");
 }
 
-TEST_F(FormatSpecifiersTest, NamesMatchAsCaseSensitiveSubstringsInTableOrder) {
-    AudioMetadata m = titled("Song");
-    m.setTrackArtist("Artist");
-    m.setAlbumArtist("Band");
-    m.setKey("Am");
-    m.setSourceBitrate(320000);
-    m.setSourceSampleRate(44100);
-    m.setSourceBitrateMode("VBR");
-    m.setSourceChannels(6);
-    EncoderSettings s;
-    s.setEncoderType(EncoderTypeMP3);
-    s.setBitrate(192);
-    s.setBitrateMethod(BitrateMethodABR);
-    s.setSampleRate(48000);
-
-    EXPECT_EQ(expand("{trackTitles}", &m), "Songs");
-    EXPECT_EQ(expand("{my trackTitle!}", &m), "my Song!");
-    EXPECT_EQ(expand("{monkey}", &m), "monAm");
-    // Capitalised, these contain no lower-case name, so they are served by
-    // their own entries rather than by "bitrate" or "sampleRate".
-    EXPECT_EQ(expand("{outputBitrate}", &m, &s), "192.00 kbps");
-    EXPECT_EQ(expand("{sourceBitrate}", &m, &s), "320.00 kbps");
-    EXPECT_EQ(expand("{outputBitrateMethod}", &m, &s), "ABR");
-    EXPECT_EQ(expand("{sourceBitrateMethod}", &m, &s), "VBR");
-    EXPECT_EQ(expand("{sourceSampleRate}", &m, &s), "44.100 kHz");
-    EXPECT_EQ(expand("{outputSampleRate}", &m, &s), "48.000 kHz");
-    EXPECT_EQ(expand("{sourceChannels}", &m, &s), "6");
-    // Two names in one group: the earlier in the table wins wherever it
-    // stands, and the other is left as text once the braces are gone.
-    EXPECT_EQ(expand("{trackArtist albumArtist}", &m), "Artist albumArtist");
-    EXPECT_EQ(expand("{albumArtist trackArtist}", &m), "albumArtist Artist");
-    // Case matters.
-    EXPECT_EQ(expand("{TrackTitle}-{TRACKTITLE}", &m), "{TrackTitle}-{TRACKTITLE}");
-}
-
 TEST_F(FormatSpecifiersTest, UnbalancedBracesStayLiteral) {
     const AudioMetadata m = titled("Song");
     EXPECT_EQ(expand("{trackTitle", &m), "{trackTitle");
@@ -326,142 +200,6 @@ TEST_F(FormatSpecifiersTest, ValuesAreNeverExpandedAgain) {
     const std::string odd = "a\xFF\x01z";
     const AudioMetadata bytes = titled(odd + "{");
     EXPECT_EQ(expand(odd + "{trackTitle}\xFF", &bytes), odd + odd + "{\xFF");
-}
-
-TEST_F(FormatSpecifiersTest, EverySpecifierFormatsItsValue) {
-    AudioMetadata m = titled("Song");
-    m.setTrackArtist("Artist");
-    m.setAlbumArtist("Band");
-    m.setAlbumTitle("Album");
-    m.setTrackComposer("Composer");
-    m.setTrackGenre("Genre");
-    m.setGrouping("Group");
-    m.setTrackYear(1999);
-    m.setBpm(128);
-    m.setKey("Am");
-    m.setISRC("USRC17607839");
-    m.setTrackNumber(3);
-    m.setTotalTracks(12);
-    m.setDiscNumber(1);
-    m.setDiscTotal(2);
-    m.setTrackComment("Comment");
-    m.setSourceBitrateMode("CBR");
-    m.setSourceBitrate(1411200);
-    m.setSourceSampleRate(44100);
-    m.setSourceChannels(2);
-    m.setSourceKind("FLAC File");
-    m.setSourceFormat("FLAC");
-    m.setSourceEncodedWith("reference libFLAC 1.4.2");
-
-    EncoderSettings s;
-    s.setEncoderType(EncoderTypeMP3);
-    s.setBitrate(192);
-    s.setBitrateMethod(BitrateMethodCBR);
-    s.setSampleRate(48000);
-    s.setChannelMode(3);
-    set("useTwoDigitNumbers", true);
-
-    const std::vector<std::pair<std::string, std::string>> expected = {
-        {"trackTitle", "Song"},
-        {"trackArtist", "Artist"},
-        {"albumArtist", "Band"},
-        {"albumTitle", "Album"},
-        {"composer", "Composer"},
-        {"genre", "Genre"},
-        {"grouping", "Group"},
-        {"year", "1999"},
-        {"bpm", "128"},
-        {"key", "Am"},
-        {"ISRC", "USRC17607839"},
-        {"trackNumber", "03"},
-        {"trackTotal", "12"},
-        {"discNumber", "01"},
-        {"discTotal", "02"},
-        {"comments", "Comment"},
-        {"bitrateMethod", "CBR"},
-        {"outputBitrateMethod", "CBR"},
-        {"bitrate", "192.00 kbps"},
-        {"outputBitrate", "192.00 kbps"},
-        {"sampleRate", "48.000 kHz"},
-        {"outputSampleRate", "48.000 kHz"},
-        {"outputChannels", "1"},
-        {"encodingMethod", "CBR"},
-        {"outputFormat", "MP3"},
-        {"outputFileFormat", "MP3"},
-        {"encodingFormat", "192.00 kbps CBR"},
-        {"outputEncoding", "192.00 kbps CBR"},
-        {"sourceBitrateMethod", "CBR"},
-        {"sourceBitrate", "1411.20 kbps"},
-        {"sourceSampleRate", "44.100 kHz"},
-        {"sourceChannels", "2"},
-        {"sourceKind", "FLAC File"},
-        {"sourceFormat", ""},
-        {"sourceFilename", "Source"},
-        {"sourceEncodedWith", "reference libFLAC 1.4.2"},
-    };
-    const auto& names = FormatSpecifiers::specifierNames();
-    ASSERT_EQ(names.size(), expected.size());
-    for (size_t i = 0; i < expected.size(); ++i) {
-        SCOPED_TRACE(expected[i].first);
-        EXPECT_EQ(names[i], expected[i].first);
-        EXPECT_EQ(expand("<{" + expected[i].first + "}>", &m, &s, kInput, false),
-                  "<" + expected[i].second + ">");
-    }
-}
-
-TEST_F(FormatSpecifiersTest, OutputSettingsFormatting) {
-    AudioMetadata m;
-    m.setSourceSampleRate(96000);
-    m.setSourceChannels(6);
-    EncoderSettings s;
-    s.setEncoderType(EncoderTypeOggVorbis);
-    s.setBitrate(192000);
-    s.setBitrateMethod(BitrateMethodVBR);
-    s.setVbrQuality(5);
-    auto e = [&](const std::string& t) { return expand(t, &m, &s, kInput, false); };
-
-    // Only MP3 keeps kbit/s; a zero rate still prints.
-    EXPECT_EQ(e("{bitrate}"), "192.00 kbps");
-    s.setBitrate(0);
-    EXPECT_EQ(e("{bitrate}"), "0.00 kbps");
-    EXPECT_EQ(e("{bitrateMethod}|{encodingMethod}"), "VBR|VBR");
-    s.setBitrateMethod(BitrateMethodConstrainedVBR);
-    EXPECT_EQ(e("{outputBitrateMethod}"), "VBR Constrained");
-    // An unknown method names itself with nothing, which is not missing.
-    s.setBitrateMethod(static_cast<BitrateMethod>(7));
-    EXPECT_EQ(e("{m=bitrateMethod;}"), "m=;");
-    EXPECT_EQ(e("{encodingFormat}"), "*Unknown Settings*");
-
-    // Rate and channels 0 mean "as the source".
-    EXPECT_EQ(e("{sampleRate}"), "96.000 kHz");
-    EXPECT_EQ(e("{outputChannels}"), "6");
-    s.setSampleRate(22050);
-    EXPECT_EQ(e("{sampleRate}"), "22.050 kHz");
-    for (int32_t mode : {1, 2}) {
-        s.setChannelMode(mode);
-        EXPECT_EQ(e("{outputChannels}"), "2");
-    }
-    s.setChannelMode(0);
-    AudioMetadata bare;
-    EXPECT_EQ(expand("{outputChannels}", &bare, &s, kInput, false), "Source");
-    s.setSampleRate(0);
-    EXPECT_EQ(expand("{outputSampleRate}", &bare, &s, kInput, false), "Source");
-
-    // Without settings their own values are missing; the source still
-    // supplies the rate and channels.
-    EXPECT_EQ(expand("a{bitrate}{bitrateMethod}{outputFormat}{encodingFormat}{outputEncoding}b", &m,
-                     nullptr, kInput, false),
-              "ab");
-    EXPECT_EQ(expand("{sampleRate} {outputChannels}", &m, nullptr, kInput, false), "96.000 kHz 6");
-
-    // Counters that do not fit two digits, and without the switch.
-    AudioMetadata big;
-    big.setTrackNumber(123);
-    big.setTotalTracks(7);
-    set("useTwoDigitNumbers", true);
-    EXPECT_EQ(expand("{trackNumber}/{trackTotal}", &big, nullptr, kInput, false), "123/07");
-    set("useTwoDigitNumbers", false);
-    EXPECT_EQ(expand("{trackNumber}/{trackTotal}", &big, nullptr, kInput, false), "123/7");
 }
 
 TEST_F(FormatSpecifiersTest, AbsentAndEmptyFieldsDiffer) {
@@ -539,43 +277,6 @@ TEST_F(FormatSpecifiersTest, ArbitraryTemplatesTerminateWithWellFormedGroups) {
 }
 
 // ---- The metadata reader's picture-file names --------------------------------
-
-void appendBytes(void* context, void* data, int size) {
-    auto* out = static_cast<std::vector<uint8_t>*>(context);
-    out->insert(out->end(), static_cast<uint8_t*>(data), static_cast<uint8_t*>(data) + size);
-}
-
-TEST_F(FormatSpecifiersTest, PictureFileNamesBesideTheSourceAreExpanded) {
-    if (!test::haveTool("flac"))
-        GTEST_SKIP() << "flac not installed";
-    test::TempDir dir;
-    const std::string wav = dir.file("in.wav");
-    test::writeWav(wav, test::makeSignal(4410, 2, 16), 2, 44100, 16);
-    const std::string source = dir.file("Source.flac");
-    ASSERT_EQ(test::runCommand("flac -s -f --tag=ALBUM=Blue/Note -o " + test::shellQuote(source) +
-                               " " + test::shellQuote(wav))
-                  .exitCode,
-              0);
-    // The album's slash is a value's slash: made safe, not a folder.
-    std::vector<uint8_t> png;
-    const std::vector<uint8_t> pixels(4 * 4 * 3, 200);
-    ASSERT_TRUE(stbi_write_png_to_func(appendBytes, &png, 4, 4, 3, pixels.data(), 4 * 3));
-    test::writeFile(dir.file("Blue:Note cover.png"), png);
-    set("readAlbumArtworkFromFile", true);
-    set("readAlbumArtworkFileName", "{albumTitle} cover.*");
-
-    // Without the expansion the template is taken as a file name and
-    // matches nothing.
-    AudioMetadata::setFilenamePatternExpander({});
-    EXPECT_EQ(AudioMetadata::metadataFromFile(source)->albumArtwork(), nullptr);
-
-    FormatSpecifiers::installAsFilenamePatternExpander();
-    const auto metadata = AudioMetadata::metadataFromFile(source);
-    AudioMetadata::setFilenamePatternExpander({});
-    ASSERT_NE(metadata->albumArtwork(), nullptr);
-    EXPECT_EQ(metadata->albumArtwork()->originalFilename(), "Blue:Note cover.png");
-    EXPECT_EQ(metadata->albumArtwork()->width(), 4);
-}
 
 // ---- Collisions -------------------------------------------------------------
 

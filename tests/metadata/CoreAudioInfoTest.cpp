@@ -71,53 +71,6 @@ TEST(CoreAudioInfoTest, WaveKeepsEveryChunkButFormatAndSamplesAsUserData) {
     EXPECT_EQ(userData.at("abcd"), (std::vector<Bytes>{text("odd", false), text("two")}));
 }
 
-TEST(CoreAudioInfoTest, InfoStringsFillTagsThroughTheServiceReader) {
-    TempDir dir;
-    const Bytes info =
-        concat({text("INFO", false), riffChunk("INAM", text("Name")),
-                riffChunk("IART", text("Artist")), riffChunk("ICMT", text("Note")),
-                riffChunk("ICRD", text("2004-02-01")), riffChunk("ISFT", text("Recorder 1.0"))});
-    // A broadcast-wave extension is not one of ours, so the service reads it.
-    const std::string path = dir.file("take.bwf");
-    writeFile(path, wavFile(1, 8000, 800, {riffChunk("LIST", info)}));
-    const auto m = AudioMetadata::metadataFromFile(path);
-    EXPECT_EQ(m->trackTitle(), "Name");
-    EXPECT_EQ(m->trackArtist(), "Artist");
-    EXPECT_EQ(m->trackComment(), "Note");
-    EXPECT_EQ(m->trackYear(), 2004);
-    EXPECT_EQ(m->sourceEncodedWith(), "Recorder 1.0");
-    EXPECT_EQ(m->sourceChannelMode(), "Mono");
-}
-
-TEST(CoreAudioInfoTest, CAFInfoChunkGivesTheCommentAndSkipsISRCWhenACommentExists) {
-    TempDir dir;
-    const std::string both = dir.file("both.caf");
-    writeFile(both, cafFile(2, 44100, 4410,
-                            {cafChunk("info", infoPairs({{"comments", "A comment"},
-                                                         {"ISRC", "USABC0412345"},
-                                                         {"artist", "Player"},
-                                                         {"tempo", "97"},
-                                                         {"key signature", "F#"},
-                                                         {"track number", "6"}}))}));
-    const auto m = AudioMetadata::metadataFromFile(both);
-    EXPECT_EQ(m->sourceKind(), "CAF");
-    EXPECT_EQ(m->sourceFormat(), "Linear PCM");
-    EXPECT_EQ(m->sourceSampleSize(), 16);
-    EXPECT_EQ(m->trackComment(), "A comment");
-    EXPECT_FALSE(m->ISRC());
-    EXPECT_EQ(m->trackArtist(), "Player");
-    EXPECT_EQ(m->bpm(), 97);
-    EXPECT_EQ(m->key(), "F#");
-    EXPECT_EQ(m->trackNumber(), 6);
-    ASSERT_TRUE(m->userData());
-    EXPECT_EQ(m->userData()->count("info"), 1u);
-
-    const std::string isrcOnly = dir.file("isrc.caf");
-    writeFile(isrcOnly,
-              cafFile(1, 8000, 80, {cafChunk("info", infoPairs({{"ISRC", "USABC0412345"}}))}));
-    EXPECT_EQ(AudioMetadata::metadataFromFile(isrcOnly)->ISRC(), "USABC0412345");
-}
-
 TEST(CoreAudioInfoTest, AIFFAndWAVEReadersTakeTheirID3v2Tag) {
     TempDir dir;
     const std::string aiff = dir.file("tagged.aif");
@@ -187,67 +140,6 @@ TEST(CoreAudioInfoTest, AppleLoopsChunkGivesKeyGenreAndTempo) {
     }
 }
 
-TEST(CoreAudioInfoTest, AppleLoopsChunksThatAreNotOursOrAreBrokenAreSkipped) {
-    TempDir dir;
-    Bytes otherUUID = appleLoopsPayload({{"key signature", "C"}});
-    otherUUID[0] ^= 0xFF;
-    Bytes unterminated = appleLoopsPayload({{"genre", "Cut"}});
-    unterminated.resize(unterminated.size() - 3); // "genre\0Cu"
-    Bytes tooShort = appleLoopsPayload({});
-    tooShort.resize(18);
-    const std::string path = dir.file("odd.aiff");
-    writeFile(path, aiffFile(1, 8000, 800,
-                             {iffChunk("uuid", otherUUID), iffChunk("uuid", unterminated),
-                              iffChunk("uuid", tooShort),
-                              iffChunk("uuid", appleLoopsPayload({{"key signature", "Ab"},
-                                                                  {"key type", "any"},
-                                                                  {"beat count", "0"}}))}));
-    const auto m = readBoth(path);
-    EXPECT_EQ(m->key(), "Ab"); // the last chunk; the foreign one is ignored
-    EXPECT_FALSE(m->trackGenre());
-    EXPECT_FALSE(m->bpm());
-    ASSERT_TRUE(m->userData());
-    EXPECT_EQ(m->userData()->at("uuid").size(), 4u);
-}
-
-TEST(CoreAudioInfoTest, MIDIChunksGiveTempoAndKeyWhenStillMissing) {
-    TempDir dir;
-    const std::string path = dir.file("groove.w64x"); // any extension the service handles
-    writeFile(path, wavFile(2, 44100, 441,
-                            {riffChunk("midi", midiFile(468750, 2, 1)),
-                             riffChunk("midi", midiFile(500000, 0, 0))}));
-    const auto m = AudioMetadata::metadataFromFile(path);
-    EXPECT_EQ(m->bpm(), 128);
-    EXPECT_EQ(m->key(), "D Minor");
-
-    // A tempo already known is kept.
-    AudioMetadata known;
-    known.setBpm(90);
-    AudioMetadata::getCoreAudioMetadataFromFile(path, known);
-    EXPECT_EQ(known.bpm(), 90);
-    EXPECT_EQ(known.key(), "D Minor");
-}
-
-TEST(CoreAudioInfoTest, FilesTheServiceCannotOpenLeaveTheRecordAlone) {
-    TempDir dir;
-    const std::string path = dir.file("noise.bin");
-    writeFile(path, Bytes(3000, 0x5A));
-    AudioMetadata m;
-    m.setSourceKind("Before");
-    AudioMetadata::getCoreAudioInfoFromFile(path, m);
-    AudioMetadata::getCoreAudioMetadataFromFile(path, m);
-    EXPECT_EQ(m.sourceKind(), "Before");
-    EXPECT_FALSE(m.userData());
-
-    // An Ogg file is FFmpeg's, not the service's.
-    const std::string ogg = dir.file("x.caf");
-    ASSERT_TRUE(
-        runOrFail("ffmpeg -v error -y -f lavfi -i sine=duration=0.2 -c:a libvorbis -f ogg " +
-                  shellQuote(ogg)));
-    AudioMetadata::getCoreAudioInfoFromFile(ogg, m);
-    EXPECT_EQ(m.sourceKind(), "Before");
-}
-
 TEST(CoreAudioInfoTest, HostileChunkLengthsAreNotFollowed) {
     TempDir dir;
     // An info chunk promising a billion pairs, an Apple Loops chunk cut in a
@@ -274,18 +166,6 @@ TEST(CoreAudioInfoTest, HostileChunkLengthsAreNotFollowed) {
     cut.resize(cut.size() - 5000);
     writeFile(truncated, cut);
     readBoth(truncated); // must not crash
-}
-
-TEST(CoreAudioInfoTest, InfoChunkParserStopsAtTheCountOrAnUnterminatedString) {
-    EXPECT_EQ(CoreAudioFileInfo::parseInfoChunk({}).size(), 0u);
-    Bytes two = infoPairs({{"a", "1"}, {"b", "2"}});
-    two[3] = 1; // count says one
-    EXPECT_EQ(CoreAudioFileInfo::parseInfoChunk(two),
-              (std::vector<std::pair<std::string, std::string>>{{"a", "1"}}));
-    Bytes cut = infoPairs({{"a", "1"}, {"b", "2"}});
-    cut.pop_back();
-    EXPECT_EQ(CoreAudioFileInfo::parseInfoChunk(cut),
-              (std::vector<std::pair<std::string, std::string>>{{"a", "1"}}));
 }
 
 TEST(CoreAudioInfoTest, MutatedContainersNeverBreakTheReaders) {

@@ -72,38 +72,6 @@ TEST(DSFTagFileTest, ReadsStreamFactsAndTheTagAtTheMetadataOffset) {
     EXPECT_EQ(m->sourceSampleSize(), 1);
 }
 
-TEST(DSFTagFileTest, FileWithoutTagHasAnEmptyOne) {
-    TempDir dir;
-    const std::string path = dir.file("plain.DSF");
-    writeFile(path, dsfFile(1, 5644800, 5644800, {}));
-    DSFTagFile file(path.c_str());
-    ASSERT_TRUE(file.isValid());
-    EXPECT_FALSE(file.hasID3v2Tag());
-    ASSERT_TRUE(file.tag());
-    EXPECT_TRUE(file.tag()->isEmpty());
-
-    const auto m = AudioMetadata::metadataFromFile(path);
-    EXPECT_EQ(m->sourceFormat(), "DSF");
-    EXPECT_FALSE(m->sourceTagFormat());
-    EXPECT_EQ(m->trackTitle(), "plain");
-}
-
-TEST(DSFTagFileTest, DSDIFFFilesKeepOnlyKindAndFormat) {
-    TempDir dir;
-    Bytes dff;
-    appendText(dff, "FRM8");
-    appendBE(dff, 100, 8);
-    appendText(dff, "DSD ");
-    dff.resize(112, 0);
-    const std::string path = dir.file("take.dff");
-    writeFile(path, dff);
-    const auto m = AudioMetadata::metadataFromFile(path);
-    EXPECT_EQ(m->sourceKind(), "DSD");
-    EXPECT_EQ(m->sourceFormat(), "DFF");
-    EXPECT_FALSE(m->sourceSampleRate());
-    EXPECT_FALSE(m->sourceTagFormat());
-}
-
 TEST(DSFTagFileTest, SavePutsTheTagAfterTheSamplesAndUpdatesTheHeader) {
     TempDir dir;
     const std::string path = dir.file("edit.dsf");
@@ -144,16 +112,6 @@ TEST(DSFTagFileTest, SavePutsTheTagAfterTheSamplesAndUpdatesTheHeader) {
     EXPECT_EQ(readLE64(saved, 12), dataEnd);
     EXPECT_EQ(readLE64(saved, 20), 0u);
     EXPECT_FALSE(DSFTagFile(path.c_str()).hasID3v2Tag());
-}
-
-TEST(DSFTagFileTest, ReadsFromAStream) {
-    const Bytes bytes = dsfFile(2, 2822400, 2822400, renderedTag("Streamed", "X", 4));
-    TagLib::ByteVectorStream stream(
-        TagLib::ByteVector(reinterpret_cast<const char*>(bytes.data()), unsigned(bytes.size())));
-    DSFTagFile file(&stream);
-    ASSERT_TRUE(file.isValid());
-    EXPECT_EQ(file.tag()->title(), "Streamed");
-    EXPECT_EQ(file.tag()->header()->majorVersion(), 4u);
 }
 
 TEST(DSFTagFileTest, LyingHeadersMakeTheFileInvalidOrTagless) {

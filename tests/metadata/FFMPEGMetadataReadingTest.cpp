@@ -74,31 +74,6 @@ TEST(FFMPEGMetadataReadingTest, ContainerDictionaryFillsTheFields) {
     EXPECT_EQ(m->trackYear(), 1999);
 }
 
-TEST(FFMPEGMetadataReadingTest, NumberWithoutTotalLeavesTheTotalAbsent) {
-    TempDir dir;
-    const std::string path = dir.file("seven.mp4");
-    ASSERT_TRUE(makeTagged(path, "-c:a aac -metadata track=7 -metadata date=2001-05-01T10:00:00Z "
-                                 "-metadata author=Writer"));
-    const auto m = AudioMetadata::metadataFromFFMPEGFile(path);
-    EXPECT_EQ(m->sourceKind(), "mov,mp4,m4a,3gp,3g2,mj2");
-    EXPECT_EQ(m->trackNumber(), 7);
-    EXPECT_FALSE(m->totalTracks());
-    EXPECT_EQ(m->trackYear(), 2001);
-}
-
-TEST(FFMPEGMetadataReadingTest, StreamBitRateNeverStandsInForAMissingContainerRate) {
-    // Until the streams are probed, these containers state no overall rate;
-    // the audio stream's own rate then stays unused.
-    TempDir dir;
-    const std::string path = dir.file("rate.mp4");
-    ASSERT_TRUE(makeTagged(path, "-c:a aac -b:a 96k"));
-    const auto probe = runCommand("ffprobe -v error -select_streams a:0 -show_entries "
-                                  "stream=bit_rate -of default=nw=1:nk=1 " +
-                                  shellQuote(path));
-    ASSERT_GT(std::stoll(probe.output), 0);
-    EXPECT_FALSE(AudioMetadata::metadataFromFFMPEGFile(path)->sourceBitrate());
-}
-
 TEST(FFMPEGMetadataReadingTest, MissingFileIsRetriedWithRandomWaitsThenLogged) {
     TempDir dir;
     const std::string path = dir.file("not-yet.rm");
@@ -122,35 +97,4 @@ TEST(FFMPEGMetadataReadingTest, MissingFileIsRetriedWithRandomWaitsThenLogged) {
     EXPECT_FALSE(m->sourceKind());
     EXPECT_EQ(m->sourceLocation(), path);
     EXPECT_EQ(m->trackTitle(), "not-yet");
-}
-
-TEST(FFMPEGMetadataReadingTest, FileThatArrivesDuringTheWaitsIsRead) {
-    TempDir dir;
-    const std::string source = dir.file("source.mka");
-    ASSERT_TRUE(makeTagged(source, "-c:a libvorbis -metadata title=Late"));
-    const std::string path = dir.file("late.ra");
-    RecordedSleep sleep([&](size_t call) {
-        if (call == 2)
-            std::filesystem::copy_file(source, path);
-    });
-    const auto m = AudioMetadata::metadataFromFFMPEGFile(path);
-    EXPECT_EQ(sleep.durations.size(), 2u);
-    EXPECT_EQ(m->trackTitle(), "Late");
-}
-
-TEST(FFMPEGMetadataReadingTest, OtherOpenErrorsAreNotRetried) {
-    TempDir dir;
-    const std::string path = dir.file("garbage.rm");
-    writeFile(path, Bytes(2048, 0));
-    RecordedSleep sleep;
-    ErrorLog::sharedController().clear();
-    const auto m = AudioMetadata::metadataFromFFMPEGFile(path);
-    EXPECT_TRUE(sleep.durations.empty());
-    EXPECT_FALSE(m->sourceKind());
-    const auto messages = ErrorLog::sharedController().messages();
-    ASSERT_EQ(messages.size(), 2u);
-    EXPECT_EQ(
-        messages[0].rfind(
-            "FFMPEG Could Not Open Input For File For Metadata Reading: " + path + " ERROR: -", 0),
-        0u);
 }

@@ -186,85 +186,6 @@ TEST_F(MetadataReadingTest, MP3WithThreeTagsKeepsTheirOrderAndPrecedence) {
     EXPECT_TRUE(m->userData()->empty());
 }
 
-struct FrameHeaderCase {
-    const char* name;
-    const char* options;
-    const char* format;
-    const char* channelMode;
-    const char* bitrateMode;
-};
-
-class MP3FrameHeader : public MetadataReadingTest,
-                       public testing::WithParamInterface<FrameHeaderCase> {};
-
-TEST_P(MP3FrameHeader, VersionLayerChannelModeAndVBRHeader) {
-    const FrameHeaderCase& c = GetParam();
-    const std::string path = dir.file(std::string(c.name) + ".mp3");
-    ASSERT_TRUE(ffmpegEncode(path, c.options));
-    const auto m = AudioMetadata::metadataFromFile(path);
-    EXPECT_EQ(m->sourceTagFormat(), "ID3v2.4.0"); // ffmpeg's own tag
-    EXPECT_EQ(m->sourceFormat(), c.format);
-    EXPECT_EQ(m->sourceChannelMode(), c.channelMode);
-    if (c.bitrateMode)
-        EXPECT_EQ(m->sourceBitrateMode(), c.bitrateMode);
-    else
-        EXPECT_FALSE(m->sourceBitrateMode());
-}
-
-// ffmpeg writes its own Xing/Info frame first, and that frame always calls
-// two channels plain stereo; without it the first frame is the encoder's own
-// (joint stereo here) and there is no bit-rate mode to find.
-INSTANTIATE_TEST_SUITE_P(
-    Encodings, MP3FrameHeader,
-    testing::Values(FrameHeaderCase{"vbr", "-c:a libmp3lame -q:a 2", "MPEG Version 1 Audio Layer 3",
-                                    "Stereo", "VBR"},
-                    FrameHeaderCase{"cbr", "-c:a libmp3lame -b:a 128k",
-                                    "MPEG Version 1 Audio Layer 3", "Stereo", "CBR"},
-                    FrameHeaderCase{"mono", "-c:a libmp3lame -b:a 64k -ac 1",
-                                    "MPEG Version 1 Audio Layer 3", "Mono", "CBR"},
-                    FrameHeaderCase{"monovbr", "-c:a libmp3lame -q:a 5 -ac 1",
-                                    "MPEG Version 1 Audio Layer 3", "Mono", "VBR"},
-                    FrameHeaderCase{"mpeg2", "-c:a libmp3lame -q:a 4 -ar 22050",
-                                    "MPEG Version 2 Audio Layer 3", "Stereo", "VBR"},
-                    FrameHeaderCase{"mpeg2mono", "-c:a libmp3lame -b:a 32k -ar 16000 -ac 1",
-                                    "MPEG Version 2 Audio Layer 3", "Mono", "CBR"},
-                    FrameHeaderCase{"mpeg25", "-c:a libmp3lame -b:a 32k -ar 11025",
-                                    "MPEG Version 2.5 Audio Layer 3", "Stereo", "CBR"},
-                    FrameHeaderCase{"joint", "-c:a libmp3lame -q:a 2 -write_xing 0",
-                                    "MPEG Version 1 Audio Layer 3", "Joint Stereo", nullptr}),
-    [](const auto& info) { return std::string(info.param.name); });
-
-TEST_F(MetadataReadingTest, MP2BehindAnID3v2TagIsLayer2) {
-    const std::string path = dir.file("layer2.mp3");
-    ASSERT_TRUE(ffmpegEncode(path, "-c:a mp2 -b:a 192k -f mp2"));
-    {
-        TagLib::MPEG::File file(path.c_str());
-        file.ID3v2Tag(true)->setTitle("Two");
-        ASSERT_TRUE(file.save(TagLib::MPEG::File::ID3v2));
-    }
-    const auto m = AudioMetadata::metadataFromFile(path);
-    EXPECT_EQ(m->trackTitle(), "Two");
-    EXPECT_EQ(m->sourceKind(), "MPEG Layer 2");
-    EXPECT_EQ(m->sourceFormat(), "MPEG Version 1 Audio Layer 2");
-    EXPECT_EQ(m->sourceChannelMode(), "Stereo");
-    EXPECT_FALSE(m->sourceBitrateMode());
-    EXPECT_EQ(m->sourceBitrate(), 192000);
-}
-
-TEST_F(MetadataReadingTest, MP3WithoutID3v2TagsFallsBackToTheStreamFacts) {
-    // The frame header is only examined behind a leading tag; without one the
-    // channel mode and format come from the stream facts, and no bit-rate
-    // mode is known.
-    const std::string path = dir.file("bare.mp3");
-    ASSERT_TRUE(ffmpegEncode(path, "-c:a libmp3lame -q:a 2 -id3v2_version 0"));
-    const auto m = AudioMetadata::metadataFromFile(path);
-    EXPECT_FALSE(m->sourceTagFormat());
-    EXPECT_EQ(m->sourceKind(), "MPEG Layer 3");
-    EXPECT_EQ(m->sourceFormat(), "MPEG Layer 3");
-    EXPECT_EQ(m->sourceChannelMode(), "Stereo");
-    EXPECT_FALSE(m->sourceBitrateMode());
-}
-
 // ---------------------------------------------------------------------------
 // MP4
 
@@ -289,18 +210,6 @@ TEST_F(MetadataReadingTest, AACInM4AGivesMP4ItemsAndStreamFacts) {
     EXPECT_NEAR(*m->sourceLength(), 2.0, 0.1);
     ASSERT_TRUE(m->sourceBitrate());
     EXPECT_NEAR(double(*m->sourceBitrate()), 128000, 40000);
-}
-
-TEST_F(MetadataReadingTest, AppleLosslessGivesItsSourceDepth) {
-    const std::string wav = dir.file("source24.wav");
-    writeWav(wav, makeSignal(44100, 2, 24), 2, 44100, 24);
-    const std::string path = dir.file("alac.mp4");
-    ASSERT_TRUE(runOrFail("ffmpeg -v error -y -i " + q(wav) + " -c:a alac " + q(path)));
-    const auto m = AudioMetadata::metadataFromFile(path);
-    EXPECT_EQ(m->sourceKind(), "MPEG-4 Audio"); // an "isom" file, not an iTunes one
-    EXPECT_EQ(m->sourceFormat(), "Apple Lossless");
-    EXPECT_EQ(m->sourceSampleSize(), 24);
-    EXPECT_EQ(m->sourceChannels(), 2);
 }
 
 // ---------------------------------------------------------------------------
@@ -335,38 +244,6 @@ TEST_F(MetadataReadingTest, OggCodecsAreToldApartByContentNotExtension) {
             EXPECT_EQ(m->sourceLength(), 2.0); // 2.5 seconds, in whole seconds
         }
     }
-}
-
-TEST_F(MetadataReadingTest, OggBitRatesKeepTheirDeliberatelyDifferentUnits) {
-    const std::string vorbis = dir.file("v.ogg");
-    const std::string speex = dir.file("s.ogg");
-    const std::string flac = dir.file("f.ogg");
-    const std::string opus = dir.file("o.ogg");
-    ASSERT_TRUE(ffmpegEncode(vorbis, "-c:a libvorbis -q:a 4"));
-    ASSERT_TRUE(ffmpegEncode(speex, "-c:a libspeex -ac 1 -ar 16000"));
-    ASSERT_TRUE(ffmpegEncode(flac, "-c:a flac -f ogg"));
-    ASSERT_TRUE(ffmpegEncode(opus, "-c:a libopus"));
-
-    const auto v = AudioMetadata::metadataFromFile(vorbis);
-    ASSERT_TRUE(v->sourceBitrate());
-    EXPECT_GT(*v->sourceBitrate(), 8000); // bits per second
-    EXPECT_EQ(*v->sourceBitrate() % 1000, 0);
-    EXPECT_EQ(v->sourceBitrateMode(), "VBR");
-
-    const auto s = AudioMetadata::metadataFromFile(speex);
-    ASSERT_TRUE(s->sourceBitrate());
-    EXPECT_GT(*s->sourceBitrate(), 2); // kilobits per second
-    EXPECT_LT(*s->sourceBitrate(), 100);
-
-    const auto f = AudioMetadata::metadataFromFile(flac);
-    ASSERT_TRUE(f->sourceBitrate());
-    EXPECT_LT(*f->sourceBitrate(), 5000); // kilobits per second
-    EXPECT_EQ(f->sourceSampleSize(), 16);
-
-    const auto o = AudioMetadata::metadataFromFile(opus);
-    EXPECT_FALSE(o->sourceBitrate());
-    EXPECT_EQ(o->sourceSampleRate(), 48000);
-    EXPECT_EQ(o->sourceChannels(), 2);
 }
 
 // ---------------------------------------------------------------------------
@@ -413,30 +290,8 @@ TEST_F(MetadataReadingTest, ModuleFilesGiveTrackerVersionTempoAndNames) {
     EXPECT_EQ(mod->trackComment()->rfind("kick", 0), 0u); // the instrument names
 }
 
-TEST_F(MetadataReadingTest, ModuleThatDoesNotOpenIsStillAModuleFile) {
-    writeFile(dir.file("broken.xm"), Bytes(100, 0x41));
-    const auto m = AudioMetadata::metadataFromFile(dir.file("broken.xm"));
-    EXPECT_EQ(m->sourceKind(), "Module File");
-    EXPECT_FALSE(m->sourceFormat());
-    EXPECT_FALSE(m->sourceTagFormat());
-    EXPECT_EQ(m->trackTitle(), "broken"); // from the file name
-}
-
 // ---------------------------------------------------------------------------
 // The steps after the reader
-
-TEST_F(MetadataReadingTest, TitleFallsBackOnTheFileNameOnlyWhenAskedAndMissing) {
-    const std::string path = dir.file("01 Intro.flac");
-    ASSERT_TRUE(makeFLAC(path));
-    EXPECT_EQ(AudioMetadata::metadataFromFile(path)->trackTitle(), "01 Intro");
-
-    setPreference("fallbackOnFilenameWhenTitleIsMissing", false);
-    EXPECT_FALSE(AudioMetadata::metadataFromFile(path)->trackTitle());
-
-    setPreference("fallbackOnFilenameWhenTitleIsMissing", true);
-    ASSERT_TRUE(runOrFail("metaflac --set-tag=TITLE=Overture " + q(path)));
-    EXPECT_EQ(AudioMetadata::metadataFromFile(path)->trackTitle(), "Overture");
-}
 
 TEST_F(MetadataReadingTest, PictureBesideTheSourceMatchesIgnoringCaseAndAccents) {
     const std::string path = dir.file("song.flac");
@@ -464,49 +319,6 @@ TEST_F(MetadataReadingTest, PictureBesideTheSourceMatchesIgnoringCaseAndAccents)
 
     setPreference("readAlbumArtworkFileName", "back.*");
     EXPECT_FALSE(AudioMetadata::metadataFromFile(path)->albumArtwork());
-}
-
-TEST_F(MetadataReadingTest, PicturePatternIsExpandedAgainstTheRecordAndPath) {
-    const std::string path = dir.file("track.flac");
-    ASSERT_TRUE(makeFLAC(path));
-    ASSERT_TRUE(runOrFail("metaflac --set-tag=ALBUM=Blue " + q(path)));
-    writeFile(dir.file("Blue.png"), pngBytes(3, 3));
-
-    std::string seenPath;
-    AudioMetadata::setFilenamePatternExpander(
-        [&](const std::string& pattern, const AudioMetadata& metadata, const std::string& source) {
-            seenPath = source;
-            EXPECT_EQ(pattern, "{albumTitle}.*");
-            return metadata.albumTitle().value_or("none") + ".*";
-        });
-    setPreference("readAlbumArtworkFromFile", true);
-    setPreference("readAlbumArtworkFileName", "{albumTitle}.*");
-    const auto m = AudioMetadata::metadataFromFile(path);
-    EXPECT_EQ(seenPath, path);
-    ASSERT_TRUE(m->albumArtwork());
-    EXPECT_EQ(m->albumArtwork()->originalFilename(), "Blue.png");
-}
-
-TEST_F(MetadataReadingTest, EmbeddedPictureIgnoresTheFolder) {
-    const std::string path = dir.file("song.flac");
-    ASSERT_TRUE(makeFLAC(path));
-    writeFile(dir.file("embedded.png"), pngBytes(7, 7));
-    ASSERT_TRUE(importPicture(path, "3||||" + dir.file("embedded.png")));
-    writeFile(dir.file("cover.jpg"), jpegBytes(16, 16));
-    setPreference("readAlbumArtworkFromFile", true);
-    setPreference("readAlbumArtworkFileName", "cover.*");
-
-    const auto m = AudioMetadata::metadataFromFile(path);
-    ASSERT_TRUE(m->albumArtwork());
-    EXPECT_EQ(m->albumArtwork()->md5(), md5Hex(pngBytes(7, 7)));
-    EXPECT_FALSE(m->albumArtwork()->originalFilename());
-}
-
-TEST_F(MetadataReadingTest, ShortenReaderOnlyNamesTheKind) {
-    const auto m = AudioMetadata::metadataFromShortenFile(dir.file("any.shn"));
-    EXPECT_EQ(m->sourceKind(), "Shorten");
-    EXPECT_FALSE(m->sourceFormat());
-    EXPECT_FALSE(m->sourceLocation());
 }
 
 // ---------------------------------------------------------------------------
@@ -581,29 +393,4 @@ TEST_F(MetadataReadingTest, GarbageAndTruncatedFilesAlwaysGiveARecord) {
         EXPECT_EQ(m->sourceLocation(), path);
         EXPECT_EQ(m->sourceFileSize(), int64_t(std::filesystem::file_size(path)));
     }
-}
-
-TEST_F(MetadataReadingTest, ReaderFailureIsLoggedAndStillGivesARecord) {
-    ErrorLog::sharedController().clear();
-    const std::string path = dir.file("not-ogg.ogg");
-    writeFile(path, Bytes(4000, 0x33));
-    const auto m = AudioMetadata::metadataFromFile(path);
-    ASSERT_TRUE(m);
-    EXPECT_FALSE(m->sourceKind());
-    const auto messages = ErrorLog::sharedController().messages();
-    ASSERT_FALSE(messages.empty());
-    EXPECT_EQ(
-        messages.back().rfind("Could Not Initialize Audio Metadata for: " + path + " Error: ", 0),
-        0u)
-        << messages.back();
-}
-
-TEST_F(MetadataReadingTest, MissingFileGivesOnlyTheLocationAndTitle) {
-    const std::string path = dir.file("gone.flac");
-    const auto m = AudioMetadata::metadataFromFile(path);
-    EXPECT_EQ(m->sourceKind(), "FLAC");
-    EXPECT_EQ(m->sourceLocation(), path);
-    EXPECT_FALSE(m->sourceFileSize());
-    EXPECT_FALSE(m->sourceDateModified());
-    EXPECT_EQ(m->trackTitle(), "gone");
 }

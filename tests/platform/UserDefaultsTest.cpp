@@ -59,26 +59,3 @@ TEST(UserDefaults, UnreadableStoreFallsBackToDefaultsAndIsLogged) {
     EXPECT_TRUE(d.boolForKey("writeMetadata"));
     EXPECT_EQ(ErrorLog::sharedController().count(), mark + 1);
 }
-
-TEST(UserDefaults, BooleansAndNumbersAreReadLeniently) {
-    test::TempDir dir;
-    UserDefaults d(dir.file("d.json"));
-    d.setVolatileObject("a", "YES");
-    d.setVolatileObject("b", 0);
-    d.setVolatileObject("c", "12");
-    d.setVolatileObject("e", 2.9);
-    EXPECT_TRUE(d.boolForKey("a"));
-    EXPECT_FALSE(d.boolForKey("b"));
-    EXPECT_EQ(d.integerForKey("c"), 12);
-    EXPECT_EQ(d.integerForKey("e"), 2);
-    EXPECT_DOUBLE_EQ(d.doubleForKey("c"), 12.0);
-}
-
-TEST(UserDefaults, StandardStoreFollowsXdgConfigHome) {
-    const char* config = std::getenv("XDG_CONFIG_HOME");
-    ASSERT_NE(config, nullptr); // the test harness sets it
-    EXPECT_EQ(UserDefaults::defaultStorePath(),
-              std::filesystem::path(config) / "velvox" / "defaults.json");
-    EXPECT_EQ(UserDefaults::applicationSupportDirectory(),
-              std::filesystem::path(std::getenv("XDG_DATA_HOME")) / "velvox");
-}
