@@ -73,19 +73,27 @@ public:
 
     // Runs `velvox ARGS` with no terminal on standard input.
     Outcome run(const std::string& args) const {
-        const std::string errPath = (dir_.path() / "stderr.txt").string();
-        std::string command;
-        for (const std::string& variable : environment()) {
-            const size_t equals = variable.find('=');
-            command +=
-                variable.substr(0, equals + 1) + shellQuote(variable.substr(equals + 1)) + " ";
-        }
-        command += std::string(VELVOX_BINARY) + " " + args + " </dev/null 2>" + shellQuote(errPath);
-        const CommandResult r = runCommand(command);
-        const std::vector<uint8_t> err = readFile(errPath);
-        Outcome outcome{r.exitCode, r.output, std::string(err.begin(), err.end())};
-        expectNoSanitizerReport(outcome.err);
-        return outcome;
+        const CommandResult r =
+            runCommand(velvoxCommand(args) + " </dev/null 2>" + shellQuote(errorPath()));
+        return outcome(r.exitCode, r.output);
+    }
+
+    // The same, sending SIGNAL (a kill(1) name) once a line starting with
+    // `trigger` has appeared on the program's standard output.
+    Outcome runAndSignal(const std::string& args, const std::string& trigger,
+                         const std::string& signal) const {
+        const std::string outPath = (dir_.path() / "stdout.txt").string();
+        const std::string script =
+            velvoxCommand(args) + " </dev/null >" + shellQuote(outPath) + " 2>" +
+            shellQuote(errorPath()) + " & pid=$!; i=0; while ! grep -q " +
+            shellQuote("^" + trigger) + " " + shellQuote(outPath) +
+            " 2>/dev/null && [ $i -lt 1200 ]; do sleep 0.05; i=$((i+1)); done; kill -" + signal +
+            " $pid; wait $pid; echo $? >" + shellQuote(outPath + ".status");
+        runCommand(script);
+        const std::vector<uint8_t> out = readFile(outPath);
+        const std::vector<uint8_t> status = readFile(outPath + ".status");
+        return outcome(std::atoi(std::string(status.begin(), status.end()).c_str()),
+                       std::string(out.begin(), out.end()));
     }
 
     // Whatever the program left in its temporary folder.
@@ -97,6 +105,23 @@ public:
     }
 
 private:
+    std::string errorPath() const { return (dir_.path() / "stderr.txt").string(); }
+    std::string velvoxCommand(const std::string& args) const {
+        std::string command;
+        for (const std::string& variable : environment()) {
+            const size_t equals = variable.find('=');
+            command +=
+                variable.substr(0, equals + 1) + shellQuote(variable.substr(equals + 1)) + " ";
+        }
+        return command + VELVOX_BINARY + " " + args;
+    }
+    Outcome outcome(int exitCode, std::string out) const {
+        const std::vector<uint8_t> err = readFile(errorPath());
+        Outcome result{exitCode, std::move(out), std::string(err.begin(), err.end())};
+        expectNoSanitizerReport(result.err);
+        return result;
+    }
+
     std::string path(const char* folder, const std::string& name) const {
         const std::filesystem::path base = dir_.path() / folder;
         return (name.empty() ? base : base / name).string();

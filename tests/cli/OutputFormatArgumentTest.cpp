@@ -14,10 +14,6 @@ using namespace velvox;
 
 namespace {
 
-std::unique_ptr<EncoderSettings> parse(const std::string& format) {
-    return OutputFormatArgument::parse(format);
-}
-
 // The message of the UsageError that parsing `format` raises, or a note that
 // none was raised.
 std::string refusal(const std::string& format) {
@@ -30,65 +26,6 @@ std::string refusal(const std::string& format) {
 }
 
 } // namespace
-
-TEST(OutputFormatArgument, EveryTypeAloneIsACompleteFormatThatSurvivesStoring) {
-    struct Case {
-        std::string format;
-        EncoderType type;
-        std::string extension;
-        std::string description;
-    };
-    const std::vector<Case> cases = {
-        {"mp3", EncoderTypeMP3, "mp3", "MP3 - VBR Quality 8"},
-        {"coreaudio", EncoderTypeCoreAudio, "m4a", "AAC - 256.00 kbps"},
-        {"flac", EncoderTypeFLAC, "flac", "FLAC - Compression Level 5"},
-        {"oggflac", EncoderTypeOggFLAC, "oga", "Ogg FLAC - Compression Level 5"},
-        {"vorbis", EncoderTypeOggVorbis, "ogg", "Ogg Vorbis - VBR Quality 5"},
-        {"sndfile", EncoderTypeSndFile, "sd2", "Sound Designer II - LPCM"},
-        {"ape", EncoderTypeMonkeysAudio, "ape", "Monkeys Audio - Compression Level Normal"},
-        {"tta", EncoderTypeTrueAudio, "tta", "True Audio - TTA"},
-        {"speex", EncoderTypeOggSpeex, "spx", "Ogg Speex - VBR Quality 8"},
-        {"opus", EncoderTypeOpus, "opus", "Opus - 128 kbps VBR"},
-    };
-    ASSERT_EQ(OutputFormatArgument::typeNames().size(), cases.size());
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.format);
-        const auto s = parse(c.format);
-        EXPECT_EQ(OutputFormatArgument::typeNames()[c.type], c.format);
-        EXPECT_EQ(s->encoderType(), c.type);
-        EXPECT_TRUE(s->enabled());
-        EXPECT_EQ(s->encoderAction(), EncoderActionEncode);
-        EXPECT_EQ(s->extension(), c.extension);
-        EXPECT_EQ(s->completeDescription(), c.description);
-        // Same output as the format read back from the preferences.
-        const auto stored = EncoderSettings::settingsWithDictionary(s->settingsDictionary());
-        EXPECT_TRUE(stored->isDuplicateOf(*s));
-        EXPECT_EQ(stored->completeDescription(), c.description);
-        // Types are matched without regard to case.
-        std::string upper = c.format;
-        for (char& ch : upper)
-            ch = char(std::toupper(static_cast<unsigned char>(ch)));
-        EXPECT_EQ(parse(upper)->completeDescription(), c.description);
-    }
-
-    // Values each encoder reads, as they must be for it to accept them.
-    const auto mp3 = parse("mp3");
-    EXPECT_EQ(mp3->bitrateMethod(), BitrateMethodVBR);
-    EXPECT_EQ(mp3->vbrQuality(), 8); // LAME -V 2
-    EXPECT_EQ(mp3->bitrate(), 192);  // kbit/s
-    EXPECT_EQ(parse("flac")->flacCompressionLevel(), 5u);
-    EXPECT_EQ(parse("sndfile")->fileType(), 0x160000u);
-    EXPECT_EQ(parse("ape")->macCompressionLevel(), 2000);
-    const auto speex = parse("speex");
-    EXPECT_EQ(speex->framesPerPacket(), 1u);
-    EXPECT_EQ(speex->quality(), 3);
-    const auto opus = parse("opus");
-    EXPECT_EQ(opus->bitrate(), 128000);
-    EXPECT_EQ(opus->framesPerPacket(), 960u);
-    const auto aac = parse("coreaudio");
-    EXPECT_EQ(aac->fileType(), fourCharCode("m4af"));
-    EXPECT_EQ(aac->formatID(), kAudioFormatMPEG4AAC);
-}
 
 TEST(OutputFormatArgument, BadFormatsNameWhatIsWrong) {
     struct Case {

@@ -60,7 +60,6 @@ std::unique_ptr<CountingDecoder> counting(uint32_t total, uint32_t perFill) {
     return d;
 }
 
-
 } // namespace
 
 TEST(KDDecoder, LastShortReadThenZero) {

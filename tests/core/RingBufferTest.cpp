@@ -18,7 +18,6 @@ std::vector<uint8_t> sequence(size_t n, uint8_t start = 0) {
     return v;
 }
 
-
 // Leaves a buffer of `size` whose readable bytes wrap around the physical end:
 // `tail` bytes before the end and `head` bytes from the start.
 void makeWrapped(RingBuffer& rb, uint32_t tail, uint32_t head, std::vector<uint8_t>& expected) {

@@ -111,16 +111,3 @@ TEST(TemporaryFilePath, CreatesDistinctEmptyFilesNamedForTheSession) {
     std::filesystem::remove(a);
     std::filesystem::remove(b);
 }
-
-TEST(ChannelLayoutRoutines, TagOnlyAndDescriptionLayouts) {
-    auto tagged = createChannelLayoutWithTag(kAudioChannelLayoutTag_MPEG_5_1_A);
-    EXPECT_EQ(tagged->mChannelLayoutTag, kAudioChannelLayoutTag_MPEG_5_1_A);
-    EXPECT_EQ(tagged->mChannelBitmap, 0u);
-    EXPECT_EQ(tagged->mNumberChannelDescriptions, 0u);
-    auto described = createChannelLayoutWithLabels(
-        {kAudioChannelLabel_Left, kAudioChannelLabel_Center, kAudioChannelLabel_Right});
-    EXPECT_EQ(described->mChannelLayoutTag, 0u);
-    ASSERT_EQ(described->mNumberChannelDescriptions, 3u);
-    EXPECT_EQ(described->mChannelDescriptions[1].mChannelLabel, 3u);
-    EXPECT_EQ(described->mChannelDescriptions[1].mChannelFlags, 0u);
-}

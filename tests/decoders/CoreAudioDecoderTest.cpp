@@ -74,37 +74,6 @@ std::vector<uint8_t> ffmpegS16(const std::string& path) {
     return std::vector<uint8_t>(r.output.begin(), r.output.end());
 }
 
-void put16(std::vector<uint8_t>& v, uint32_t x) {
-    v.push_back(uint8_t(x));
-    v.push_back(uint8_t(x >> 8));
-}
-void put32(std::vector<uint8_t>& v, uint32_t x) {
-    put16(v, x & 0xFFFF);
-    put16(v, x >> 16);
-}
-
-// WAVE_FORMAT_IEEE_FLOAT, 32-bit.
-void writeFloatWav(const std::string& path, const std::vector<float>& samples, uint32_t channels,
-                   uint32_t rate) {
-    std::vector<uint8_t> data(samples.size() * 4);
-    std::memcpy(data.data(), samples.data(), data.size());
-    std::vector<uint8_t> file = {'R', 'I', 'F', 'F'};
-    put32(file, uint32_t(4 + 8 + 18 + 8 + data.size()));
-    file.insert(file.end(), {'W', 'A', 'V', 'E', 'f', 'm', 't', ' '});
-    put32(file, 18);
-    put16(file, 3);
-    put16(file, channels);
-    put32(file, rate);
-    put32(file, rate * channels * 4);
-    put16(file, channels * 4);
-    put16(file, 32);
-    put16(file, 0);
-    file.insert(file.end(), {'d', 'a', 't', 'a'});
-    put32(file, uint32_t(data.size()));
-    file.insert(file.end(), data.begin(), data.end());
-    writeFile(path, file);
-}
-
 } // namespace
 
 TEST(CoreAudioDecoderTest, WaveIntegerSamplesComeOutBitExactAtTheirOwnDepth) {
@@ -141,79 +110,6 @@ TEST(CoreAudioDecoderTest, WaveIntegerSamplesComeOutBitExactAtTheirOwnDepth) {
         EXPECT_EQ(md5Hex(d.pcm), md5Hex(expectedPCM(signal, c.bits)));
         EXPECT_EQ(decoder->currentFrame(), int64_t(frames));
     }
-}
-
-TEST(CoreAudioDecoderTest, FloatWaveBecomes32BitIntegerRoundedAndClipped) {
-    TempDir dir;
-    const uint32_t frames = 5000;
-    // Floats that hold 24-bit integers exactly, so the expected value is exact.
-    const auto signal = makeSignal(frames, 2, 24, 7);
-    std::vector<float> samples;
-    std::vector<int32_t> expected;
-    for (int32_t s : signal) {
-        samples.push_back(float(s) / 8388608.0f);
-        expected.push_back(int32_t(uint32_t(s) << 8));
-    }
-    // Beyond full scale clips; half a step rounds to even; NaN is silence.
-    const float extremes[] = {1.0f, -1.0f, 1.5f, -3.0f, 0x1p-31f, 0x3p-32f, std::nanf("")};
-    const int32_t clipped[] = {INT32_MAX, INT32_MIN, INT32_MAX, INT32_MIN, 1, 2, 0};
-    samples.insert(samples.end(), std::begin(extremes), std::end(extremes));
-    expected.insert(expected.end(), std::begin(clipped), std::end(clipped));
-    samples.push_back(0); // even count for two channels
-    expected.push_back(0);
-    const std::string path = dir.file("float.wav");
-    writeFloatWav(path, samples, 2, 44100);
-
-    auto decoder = openCoreAudio(path);
-    ASSERT_TRUE(decoder);
-    EXPECT_EQ(decoder->decodeFormat().mBitsPerChannel, 32u);
-    EXPECT_EQ(decoder->decodeFormat().mBytesPerFrame, 8u);
-    const Decoded d = decodeAll(*decoder);
-    ASSERT_EQ(d.frames, frames + 4);
-    std::vector<int32_t> got(d.pcm.size() / 4);
-    std::memcpy(got.data(), d.pcm.data(), d.pcm.size());
-    EXPECT_EQ(got, expected);
-}
-
-TEST(CoreAudioDecoderTest, ChannelLayoutsFollowTheFile) {
-    TempDir dir;
-    struct Case {
-        uint32_t channels, mask;
-        AudioChannelLayoutTag tag;
-    };
-    // Speaker masks are channel bitmaps: replaced by a tag by channel count.
-    const Case cases[] = {
-        {1, 0x4, kAudioChannelLayoutTag_Mono},
-        {2, 0x3, kAudioChannelLayoutTag_Stereo},
-        {3, 0x7, kAudioChannelLayoutTag_MPEG_3_0_A},
-        {4, 0x33, kAudioChannelLayoutTag_DVD_10},
-        {5, 0x37, kAudioChannelLayoutTag_DVD_11},
-        {6, 0x3F, kAudioChannelLayoutTag_MPEG_5_1_A},
-        {6, 0x60F, kAudioChannelLayoutTag_MPEG_5_1_A},
-        {7, 0x13F, kAudioChannelLayoutTag_MPEG_6_1_A},
-        {8, 0x63F, kAudioChannelLayoutTag_MPEG_7_1_C},
-        // No layout information at all.
-        {1, 0, kAudioChannelLayoutTag_Mono},
-        {2, 0, kAudioChannelLayoutTag_Stereo},
-        {4, 0, kAudioChannelLayoutTag_Unknown},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.channels << " channels, mask " << c.mask);
-        const std::string path = dir.file("l.wav");
-        writeWav(path, makeSignal(100, c.channels, 16), c.channels, 44100, 16, c.mask);
-        auto decoder = openCoreAudio(path);
-        ASSERT_TRUE(decoder);
-        ASSERT_NE(decoder->channelLayout(), nullptr);
-        EXPECT_EQ(decoder->channelLayout()->mChannelLayoutTag, c.tag);
-    }
-
-    // More channels than any tag covers: the bitmap itself is kept.
-    const std::string wide = dir.file("wide.wav");
-    writeWav(wide, makeSignal(100, 10, 16), 10, 44100, 16, 0x3FF);
-    auto decoder = openCoreAudio(wide);
-    ASSERT_TRUE(decoder);
-    EXPECT_EQ(decoder->channelLayout()->mChannelLayoutTag, kAudioChannelLayoutTag_UseChannelBitmap);
-    EXPECT_EQ(decoder->channelLayout()->mChannelBitmap, 0x3FFu);
 }
 
 TEST(CoreAudioDecoderTest, AppleLosslessDecodesToItsSourceSamples) {
@@ -293,33 +189,6 @@ TEST(CoreAudioDecoderTest, LossyFormatsDecodeTo16BitsLikeFfmpeg) {
         }
         EXPECT_EQ(md5Hex(d.pcm), md5Hex(reference));
     }
-}
-
-TEST(CoreAudioDecoderTest, FactoryFallsBackToFfmpegForEncodingsItCannotRead) {
-    if (!haveTool("ffmpeg"))
-        GTEST_SKIP() << "ffmpeg is needed for the fixtures";
-    TempDir dir;
-    writeWav(dir.file("src.wav"), makeSignal(22050, 1, 16, 4), 1, 22050, 16);
-    // Yamaha ADPCM in WAVE: neither libsndfile nor the desktop service reads it.
-    const std::string path = dir.file("yamaha.wav");
-    run("ffmpeg -v error -i " + shellQuote(dir.file("src.wav")) + " -c:a adpcm_yamaha " +
-        shellQuote(path));
-
-    ErrorLog::sharedController().clear();
-    auto decoder = KDDecoder::decoderWithFilename(path);
-    ASSERT_TRUE(decoder);
-    EXPECT_STREQ(decoder->className(), "FFMPEGDecoder");
-    const auto messages = ErrorLog::sharedController().messages();
-    ASSERT_EQ(messages.size(), 2u);
-    EXPECT_EQ(messages[0].rfind("ExtAudioFileOpenURL Failed With Error: ", 0), 0u) << messages[0];
-    EXPECT_EQ(messages[1],
-              "Failed To Create Core Audio Decoder.  Attempting To Fall Back To FFMPEG Decoder");
-
-    const Decoded d = decodeAll(*decoder);
-    EXPECT_EQ(decoder->decodeFormat().mBitsPerChannel, 16u);
-    EXPECT_EQ(md5Hex(d.pcm), md5Hex(ffmpegS16(path)));
-    // The encoder pads the last block.
-    EXPECT_NEAR(double(d.frames), 22050.0, 1024.0);
 }
 
 TEST(CoreAudioDecoderTest, CutAndCorruptedFilesNeverCrashOrHang) {

@@ -76,24 +76,6 @@ public:
 
 } // namespace
 
-TEST(FFMPEGDecoderTest, MissingFileIsTriedFourTimesThenLogged) {
-    TempDir dir;
-    const std::string path = dir.file("not-there.wav");
-    ErrorLog::sharedController().clear();
-    RecordedSleep sleep;
-    EXPECT_EQ(openFFmpeg(path), nullptr);
-
-    ASSERT_EQ(sleep.durations.size(), size_t(FFMPEGDecoder::kMaxOpenTries - 1));
-    for (auto d : sleep.durations) {
-        EXPECT_GE(d.count(), 1000000);
-        EXPECT_LE(d.count(), 1000000 + 29999 * 100);
-    }
-    const auto messages = ErrorLog::sharedController().messages();
-    ASSERT_EQ(messages.size(), 2u);
-    EXPECT_EQ(messages[0], "FFMPEG Could Not Open Input For File: " + path + " ERROR: -2");
-    EXPECT_EQ(messages[1].rfind(path + ": ", 0), 0u);
-}
-
 TEST(FFMPEGDecoderTest, SampleFormatsBecome16BitOrStayUnsigned8Bit) {
     if (!haveTool("ffmpeg"))
         GTEST_SKIP() << "ffmpeg is needed for the fixtures";
@@ -131,34 +113,6 @@ TEST(FFMPEGDecoderTest, SampleFormatsBecome16BitOrStayUnsigned8Bit) {
         EXPECT_NEAR(double(d.frames), double(frames), 2048.0);
         // 8-bit data stay unsigned, as FFmpeg delivers them.
         EXPECT_EQ(md5Hex(d.pcm), md5Hex(ffmpegRaw(path, c.bits == 8 ? "u8" : "s16le")));
-    }
-}
-
-TEST(FFMPEGDecoderTest, VideoFileDecodesItsFirstAudioStream) {
-    if (!haveTool("ffmpeg") || !haveTool("ffprobe"))
-        GTEST_SKIP() << "ffmpeg is needed for the fixtures";
-    TempDir dir;
-    for (const char* name : {"clip.mov", "clip.avi"}) {
-        SCOPED_TRACE(name);
-        const std::string path = dir.file(name);
-        // Video first, then two audio streams of different rates.
-        run("ffmpeg -v error -f lavfi -i testsrc=duration=2:size=160x120:rate=25 -f lavfi -i "
-            "sine=frequency=440:duration=2:sample_rate=44100 -f lavfi -i "
-            "sine=frequency=1000:duration=2:sample_rate=22050 -map 0:v -map 1:a -map 2:a "
-            "-c:v mpeg4 -c:a:0 mp2 -c:a:1 pcm_s16le " +
-            shellQuote(path));
-        const auto probe = runCommand(
-            "ffprobe -v error -show_entries stream=codec_type -of csv=p=0 " + shellQuote(path));
-        ASSERT_EQ(probe.output.rfind("video", 0), 0u) << probe.output;
-
-        auto decoder = KDDecoder::decoderWithFilename(path);
-        ASSERT_TRUE(decoder);
-        EXPECT_STREQ(decoder->className(), "FFMPEGDecoder");
-        EXPECT_EQ(decoder->decodeFormat().mSampleRate, 44100.0);
-        EXPECT_EQ(decoder->decodeFormat().mChannelsPerFrame, 1u);
-        const Decoded d = decodeAll(*decoder);
-        EXPECT_NEAR(double(d.frames), 88200.0, 2048.0);
-        EXPECT_EQ(md5Hex(d.pcm), md5Hex(ffmpegRaw(path, "s16le")));
     }
 }
 

@@ -61,13 +61,6 @@ std::vector<std::string> valuesAfter(const std::string& text, const std::string&
     return values;
 }
 
-size_t occurrences(const std::string& text, const std::string& what) {
-    size_t n = 0;
-    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
-        ++n;
-    return n;
-}
-
 std::vector<int32_t> samplesFrom(const std::vector<uint8_t>& bytes, uint32_t bits) {
     const size_t width = bits / 8;
     std::vector<int32_t> samples(bytes.size() / width);
@@ -370,60 +363,4 @@ TEST_F(FLACEncodeOperationTest, ChannelModeFoldsStereoToMonoAndCopiesMonoToStere
             both.insert(both.end(), {s, s});
         EXPECT_TRUE(test::sameBytes(decoded(*op->outFilePath()), test::packLittleEndian(both, 16)));
     }
-}
-
-TEST_F(FLACEncodeOperationTest, TagsAndOneFrontCoverAreWritten) {
-    if (!test::haveTool("ffmpeg"))
-        GTEST_SKIP() << "ffmpeg is not installed";
-    const std::string png = dir.file("cover.png");
-    ASSERT_EQ(test::runCommand("ffmpeg -v error -y -f lavfi -i color=c=red:s=16x16 -frames:v 1 " +
-                               test::shellQuote(png))
-                  .exitCode,
-              0);
-    auto artwork = std::make_shared<AlbumArtwork>();
-    artwork->setData(test::readFile(png));
-    ASSERT_EQ(artwork->mimeType(), "image/png");
-
-    auto record = std::make_shared<AudioMetadata>();
-    record->setTrackTitle("Tïtle \u2603");
-    record->setTrackArtist("Artist");
-    record->setTrackYear(2001);
-    record->setTrackComment("A comment");
-    record->setAlbumArtwork(artwork);
-
-    const std::string in = dir.file("tagged.wav");
-    test::writeWav(in, test::makeSignal(10000, 2, 16), 2, 44100, 16);
-    auto op = encode(in, record);
-    ASSERT_TRUE(op->success());
-    const std::string out = *op->outFilePath();
-
-    const std::string tags = metaflac("--export-tags-to=-", out);
-    EXPECT_NE(tags.find("TITLE=Tïtle \u2603\n"), std::string::npos) << tags;
-    EXPECT_NE(tags.find("ARTIST=Artist\n"), std::string::npos) << tags;
-    EXPECT_NE(tags.find("DATE=2001\n"), std::string::npos) << tags;
-    EXPECT_NE(tags.find("DESCRIPTION=A comment\n"), std::string::npos) << tags;
-    const std::string encodedBy = stringWithFormat("ENCODEDBY=FLAC %s via Velvox %s\n",
-                                                   FLAC__VERSION_STRING, kVelvoxShortVersion);
-    EXPECT_NE(tags.find(encodedBy), std::string::npos) << tags;
-    // The picture is a block of its own, not a comment field.
-    EXPECT_EQ(tags.find("METADATA_BLOCK_PICTURE"), std::string::npos);
-
-    const std::string pictures = metaflac("--list --block-type=PICTURE", out);
-    EXPECT_NE(pictures.find("type: 3 (Cover (front))"), std::string::npos) << pictures;
-    EXPECT_NE(pictures.find("MIME type: image/png"), std::string::npos) << pictures;
-    EXPECT_EQ(occurrences(pictures, "METADATA block #"), 1u) << pictures;
-    const std::string exported = dir.file("exported.png");
-    metaflac("--export-picture-to=" + test::shellQuote(exported), out);
-    EXPECT_TRUE(test::sameBytes(test::readFile(exported), test::readFile(png)));
-
-    // The user's comment template replaces the track comment; encoded-by can be off.
-    prefs.set("writeFormatStringToComments", true);
-    prefs.set("commentsFormatString", "Encoded {trackTitle}");
-    prefs.set("writeEncodedByMetadataTag", false);
-    auto second = encode(in, record);
-    ASSERT_TRUE(second->success());
-    const std::string secondTags = metaflac("--export-tags-to=-", *second->outFilePath());
-    EXPECT_NE(secondTags.find("DESCRIPTION=Encoded Tïtle \u2603\n"), std::string::npos)
-        << secondTags;
-    EXPECT_EQ(secondTags.find("ENCODEDBY="), std::string::npos) << secondTags;
 }

@@ -119,26 +119,6 @@ TEST(EncodeOperation, DestinationFolderPreservedTreeAndNamingScheme) {
     EXPECT_TRUE(fs::exists(dir.file("out/The Band/03 - Day:Night.flac")));
 }
 
-TEST(EncodeOperation, ExistingOutputsGetNumberedNamesWhenNotOverwriting) {
-    test::TempDir dir;
-    Preferences prefs;
-    prefs.set("outputSameAsSource", false);
-    prefs.set("destinationDirectory", dir.file("out"));
-    prefs.set("useCustomNamingScheme", false);
-    prefs.set("preserveInputFileDirectoryStructure", false);
-    prefs.set("overwriteOutputFiles", false);
-    Batch batch;
-    writeText(dir.file("Song.wav"), "new");
-    writeText(dir.file("out/Song.mp3"), "old");
-    for (const char* expected : {"out/Song 2.mp3", "out/Song 3.mp3"}) {
-        auto op = makeOperation(batch, dir.file("Song.wav"), dir.file("Song.wav"), "mp3");
-        run(*op);
-        EXPECT_EQ(op->outFilePath(), dir.file(expected));
-        EXPECT_EQ(text(dir.file(expected)), "new");
-    }
-    EXPECT_EQ(text(dir.file("out/Song.mp3")), "old");
-}
-
 TEST(EncodeOperation, OverwritingReplacesOlderFilesButNotThisBatchsOwn) {
     test::TempDir dir;
     Preferences prefs;
@@ -171,36 +151,6 @@ TEST(EncodeOperation, OverwritingReplacesOlderFilesButNotThisBatchsOwn) {
     EXPECT_EQ(text(dir.file("out/Song.flac")), "first");
     EXPECT_EQ(second->outFilePath(), dir.file("out/Song 2.flac"));
     EXPECT_EQ(text(dir.file("out/Song 2.flac")), "second");
-}
-
-TEST(EncodeOperation, AskingBeforeOverwritingStopsAndWaits) {
-    test::TempDir dir;
-    Preferences prefs;
-    prefs.set("outputSameAsSource", true);
-    prefs.set("useCustomNamingScheme", false);
-    prefs.set("overwriteOutputFiles", true);
-    prefs.set("promptBeforeOverwriting", true);
-    Batch batch;
-    writeText(dir.file("Song.wav"), "new");
-    writeText(dir.file("Song.flac"), "old");
-    auto op = makeOperation(batch, dir.file("Song.wav"), dir.file("Song.wav"), "flac");
-    std::vector<std::string> announced;
-    op->addObserver("waitingUserInput", [&](Observable&, const std::string& key,
-                                            Observable::ChangePhase) { announced.push_back(key); });
-    run(*op);
-    EXPECT_TRUE(op->waitingUserInput());
-    EXPECT_FALSE(op->isExecuting());
-    EXPECT_FALSE(op->isFinished());
-    EXPECT_EQ(announced.size(), 1u);
-    EXPECT_EQ(op->outFilePath(), dir.file("Song.flac"));
-    EXPECT_EQ(text(dir.file("Song.flac")), "old");
-
-    // The answer "overwrite": run it again with the path kept.
-    op->setWaitingUserInput(false);
-    prefs.set("promptBeforeOverwriting", false);
-    run(*op);
-    EXPECT_TRUE(op->isFinished());
-    EXPECT_EQ(text(dir.file("Song.flac")), "new");
 }
 
 TEST(EncodeOperation, ArtworkIsSavedBesideTheOutputByItsType) {

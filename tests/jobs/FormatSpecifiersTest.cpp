@@ -71,58 +71,6 @@ TEST_F(FormatSpecifiersTest, TrackNumberGroupVanishesWithItsSeparator) {
     EXPECT_EQ(expand("{trackNumber - }{trackTitle}", &m), "Song");
 }
 
-TEST_F(FormatSpecifiersTest, MissingTemplateOrTitleFallsBackToTheSourceName) {
-    const AudioMetadata none;
-    EXPECT_EQ(expandFormatSpecifiers(std::nullopt, &none, nullptr, kInput, true), "Source");
-    EXPECT_EQ(expandFormatSpecifiers(std::string(), &none, nullptr, kInput, true), "Source");
-    EXPECT_EQ(expand("{trackTitle}", &none), "Source");
-    EXPECT_EQ(expand("{trackTitle}", nullptr), "Source");
-    const AudioMetadata empty = titled("");
-    EXPECT_EQ(expand("{trackTitle}", &empty), "Source");
-    // No input path: nothing to fall back on.
-    EXPECT_EQ(expand("{trackTitle}", &none, nullptr, std::nullopt), "");
-    EXPECT_EQ(expand("[{sourceFilename}]", &none, nullptr, std::nullopt), "[]");
-    // Only the last extension is the extension.
-    EXPECT_EQ(expand("{sourceFilename}", &none, nullptr, "/a.b/c.tar.gz"), "c.tar");
-}
-
-TEST_F(FormatSpecifiersTest, SlashesInValuesFollowTheSafeNameSwitches) {
-    const AudioMetadata m = titled("Day/Night Live");
-    windowsSafe(false);
-    EXPECT_EQ(expand("{trackTitle}", &m), "Day:Night Live");
-    windowsSafe(true, "-");
-    EXPECT_EQ(expand("{trackTitle}", &m), "Day-Night Live");
-    // A replacement that is itself invalid is cleaned first.
-    windowsSafe(true, "?");
-    EXPECT_EQ(expand("{trackTitle}", &m), "Day_Night Live");
-    // Values only: the template's own slashes make folders, and without
-    // sanitising the value keeps its slash too.
-    windowsSafe(false);
-    EXPECT_EQ(expand("A/B:{trackTitle}", &m), "A/B:Day:Night Live");
-    EXPECT_EQ(expand("A/{trackTitle}", &m, nullptr, kInput, false), "A/Day/Night Live");
-}
-
-TEST_F(FormatSpecifiersTest, SafeFilenameCharacterSets) {
-    const std::string all = "a<b>c:d\"e/f\\g|h?i*j+k=l[m]n,o;p";
-    windowsSafe(false, "-", true); // SMB has no effect without Windows
-    EXPECT_EQ(safeFilename(all), "a<b>c:d\"e:f\\g|h?i*j+k=l[m]n,o;p");
-    windowsSafe(true, "-");
-    EXPECT_EQ(safeFilename(all), "a-b-c-d-e-f-g-h-i-j+k=l[m]n,o;p");
-    windowsSafe(true, "-", true);
-    EXPECT_EQ(safeFilename(all), "a-b-c-d-e-f-g-h-i-j-k-l-m-n-o-p");
-    // The replacement is cleaned with the long set even when SMB is off, and
-    // may be longer than one character or empty.
-    windowsSafe(true, "[+]");
-    EXPECT_EQ(safeFilename("x?y"), "x___y");
-    windowsSafe(true, "<>");
-    EXPECT_EQ(safeFilename("x/y"), "x__y");
-    windowsSafe(true, "");
-    EXPECT_EQ(safeFilename("x/y:z"), "xyz");
-    // Multi-byte text passes untouched.
-    windowsSafe(true, "_");
-    EXPECT_EQ(safeFilename("Björk: Jóga / 日本"), "Björk_ Jóga _ 日本");
-}
-
 TEST_F(FormatSpecifiersTest, NoHiddenNamesAndFolderOnlyTemplates) {
     const AudioMetadata hidden = titled(".hidden");
     EXPECT_EQ(expand("{trackTitle}", &hidden), "hidden");
@@ -173,18 +121,6 @@ TEST_F(FormatSpecifiersTest, NestedGroupsExpandFromTheInside) {
     partial = m;
     partial.setDiscNumber(std::nullopt);
     EXPECT_EQ(expand("{{discNumber}-}{trackNumber}", &partial), "{-}3");
-}
-
-TEST_F(FormatSpecifiersTest, UnbalancedBracesStayLiteral) {
-    const AudioMetadata m = titled("Song");
-    EXPECT_EQ(expand("{trackTitle", &m), "{trackTitle");
-    EXPECT_EQ(expand("trackTitle}", &m), "trackTitle}");
-    EXPECT_EQ(expand("{{trackTitle}", &m), "{Song");
-    EXPECT_EQ(expand("{trackTitle}}", &m), "Song}");
-    EXPECT_EQ(expand("}{trackTitle}{", &m), "}Song{");
-    // A stray "}" leaves the depth count behind, and the group after it is
-    // never found.
-    EXPECT_EQ(expand("{a}}{trackTitle}", &m), "{a}}{trackTitle}");
 }
 
 TEST_F(FormatSpecifiersTest, ValuesAreNeverExpandedAgain) {

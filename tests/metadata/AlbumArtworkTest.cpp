@@ -170,35 +170,6 @@ Bytes decodedRGBA(const Bytes& encoded, int* width = nullptr, int* height = null
     return out;
 }
 
-void expectFactsOf(const AlbumArtwork& artwork, const Bytes& bytes, const char* mimeType,
-                   int64_t width, int64_t height) {
-    EXPECT_EQ(artwork.mimeType(), mimeType);
-    EXPECT_EQ(artwork.width(), width);
-    EXPECT_EQ(artwork.height(), height);
-    EXPECT_EQ(artwork.dataSize(), static_cast<int64_t>(bytes.size()));
-    EXPECT_EQ(artwork.md5(), md5Hex(bytes));
-}
-
-TEST(AlbumArtworkTest, FactsOfPNGAndJPEG) {
-    const Bytes square = makePNG(600, 600);
-    AlbumArtwork artwork;
-    artwork.setData(square);
-    expectFactsOf(artwork, square, "image/png", 600, 600);
-    EXPECT_EQ(artwork.dimensions(), "600 x 600");
-    EXPECT_EQ(artwork.description(), "image/png");
-    EXPECT_EQ(artwork.stringValue(), md5Hex(square));
-
-    // Not square, so that width and height cannot be swapped unnoticed.
-    const Bytes png = makePNG(37, 21, 4);
-    artwork.setData(png);
-    expectFactsOf(artwork, png, "image/png", 37, 21);
-    EXPECT_EQ(artwork.dimensions(), "37 x 21");
-
-    const Bytes jpeg = makeJPEG(50, 31);
-    artwork.setData(jpeg);
-    expectFactsOf(artwork, jpeg, "image/jpeg", 50, 31);
-}
-
 TEST(AlbumArtworkTest, MD5MatchesAnIndependentTool) {
     if (!test::haveTool("md5sum"))
         GTEST_SKIP() << "md5sum not installed";
@@ -260,48 +231,6 @@ TEST(AlbumArtworkTest, GarbageAndTruncatedBytesHaveNoSize) {
     EXPECT_EQ(artwork.mimeType(), "unknown");
     artwork.setData(Bytes(png.begin(), png.begin() + 20));
     EXPECT_EQ(artwork.mimeType(), "image/png"); // the first byte still decides
-}
-
-TEST(AlbumArtworkTest, ArchiveKeepsRoleTextAndBytesAndRederivesTheMIMEType) {
-    const Bytes png = makePNG(12, 5);
-    AlbumArtwork artwork;
-    artwork.setData(png);
-    artwork.setMimeType("image/webp");
-    artwork.setArtworkType(4);
-    artwork.setComments("Back \xC3\xA9");
-    artwork.setOriginalFilename("caf\xE9.png"); // Latin-1 bytes, not UTF-8
-
-    const std::string text = artwork.toJSON().dump();
-    const auto decoded = AlbumArtwork::fromJSON(nlohmann::json::parse(text));
-    ASSERT_TRUE(decoded);
-    EXPECT_EQ(decoded->artworkType(), 4);
-    EXPECT_EQ(decoded->comments(), "Back \xC3\xA9");
-    EXPECT_EQ(decoded->originalFilename(), "caf\xE9.png");
-    ASSERT_TRUE(decoded->data());
-    EXPECT_EQ(*decoded->data(), png);
-    expectFactsOf(*decoded, png, "image/png", 12, 5);
-
-    // Absent stays absent.
-    const auto empty = AlbumArtwork::fromJSON(AlbumArtwork().toJSON());
-    ASSERT_TRUE(empty);
-    EXPECT_FALSE(empty->data());
-    EXPECT_FALSE(empty->comments());
-    EXPECT_EQ(empty->artworkType(), 3);
-}
-
-TEST(AlbumArtworkTest, SaveAsTypeNeverOverwrites) {
-    TempDir dir;
-    AlbumArtwork artwork;
-    artwork.setData(makePNG(30, 20));
-    const Bytes existing = makeJPEG(8, 8);
-    writeFile(dir.file("cover.png"), existing);
-    EXPECT_FALSE(artwork.saveAsType(BitmapImageFileTypePNG, dir.file("cover.png")));
-    EXPECT_EQ(readFile(dir.file("cover.png")), existing);
-
-    // A dangling symbolic link counts as something at the path too.
-    std::filesystem::create_symlink(dir.file("nowhere"), dir.file("link.png"));
-    EXPECT_FALSE(artwork.saveAsType(BitmapImageFileTypePNG, dir.file("link.png")));
-    EXPECT_FALSE(std::filesystem::exists(dir.file("nowhere")));
 }
 
 TEST(AlbumArtworkTest, SaveAsTypeReencodes) {

@@ -27,13 +27,6 @@ Bytes text(std::string_view s, bool terminate = true) {
     return out;
 }
 
-std::unique_ptr<AudioMetadata> readBoth(const std::string& path) {
-    auto m = std::make_unique<AudioMetadata>();
-    AudioMetadata::getCoreAudioInfoFromFile(path, *m);
-    AudioMetadata::getCoreAudioMetadataFromFile(path, *m);
-    return m;
-}
-
 } // namespace
 
 TEST(CoreAudioInfoTest, WaveKeepsEveryChunkButFormatAndSamplesAsUserData) {
@@ -105,67 +98,6 @@ TEST(CoreAudioInfoTest, AIFFAndWAVEReadersTakeTheirID3v2Tag) {
     EXPECT_EQ(m->sourceTagFormat(), "ID3v2.3.0");
     EXPECT_EQ(m->trackTitle(), "Wave title");
     EXPECT_EQ(m->sourceChannelMode(), "Mono");
-}
-
-TEST(CoreAudioInfoTest, AppleLoopsChunkGivesKeyGenreAndTempo) {
-    TempDir dir;
-    struct Case {
-        const char* keyType;
-        const char* expected;
-    };
-    for (const Case c : {Case{"minor", "B Minor"}, Case{"both", "B"}, Case{"neither", "B"},
-                         Case{"major", "B Major"}}) {
-        SCOPED_TRACE(c.keyType);
-        const std::string path = dir.file(std::string("loop-") + c.keyType + ".aiff");
-        // Two seconds of audio and 4 beats: 120 beats per minute.
-        writeFile(path, aiffFile(1, 8000, 16000,
-                                 {iffChunk("uuid", appleLoopsPayload({{"key signature", "Bc"},
-                                                                      {"key type", c.keyType},
-                                                                      {"genre", "Loops"},
-                                                                      {"beat count", "4"}}))}));
-        const auto m = readBoth(path);
-        EXPECT_EQ(m->sourceKind(), "AIFF");
-        EXPECT_EQ(m->sourceSampleSize(), 8);
-        EXPECT_EQ(m->sourceLength(), 2.0);
-        EXPECT_EQ(m->key(), c.expected);
-        EXPECT_EQ(m->trackGenre(), "Loops");
-        EXPECT_EQ(m->bpm(), 120);
-
-        // The AIFF reader itself takes only ID3v2 tags and the stream facts.
-        const auto fromReader = AudioMetadata::metadataFromFile(path);
-        EXPECT_EQ(fromReader->sourceKind(), "AIFF");
-        EXPECT_FALSE(fromReader->key());
-        ASSERT_TRUE(fromReader->userData());
-        EXPECT_EQ(fromReader->userData()->count("uuid"), 1u);
-    }
-}
-
-TEST(CoreAudioInfoTest, HostileChunkLengthsAreNotFollowed) {
-    TempDir dir;
-    // An info chunk promising a billion pairs, an Apple Loops chunk cut in a
-    // string, a chunk claiming more bytes than the file has.
-    Bytes manyPairs = infoPairs({{"title", "Only"}});
-    manyPairs[0] = 0x3B;
-    const std::string caf = dir.file("pairs.caf");
-    writeFile(caf, cafFile(1, 8000, 80, {cafChunk("info", manyPairs)}));
-    EXPECT_EQ(readBoth(caf)->trackTitle(), "Only");
-
-    Bytes wav = wavFile(1, 8000, 80, {riffChunk("midi", midiFile(500000, 1, 0))});
-    // Make the midi track length absurd.
-    const Bytes mtrk = {'M', 'T', 'r', 'k'};
-    const auto at = std::search(wav.begin(), wav.end(), mtrk.begin(), mtrk.end());
-    ASSERT_NE(at, wav.end());
-    at[4] = 0x7F;
-    const std::string midi = dir.file("midi.bwf");
-    writeFile(midi, wav);
-    const auto m = readBoth(midi);
-    EXPECT_EQ(m->sourceKind(), "WAVE");
-
-    const std::string truncated = dir.file("truncated.caf");
-    Bytes cut = cafFile(2, 44100, 4410, {cafChunk("uuid", appleLoopsPayload({{"genre", "G"}}))});
-    cut.resize(cut.size() - 5000);
-    writeFile(truncated, cut);
-    readBoth(truncated); // must not crash
 }
 
 TEST(CoreAudioInfoTest, MutatedContainersNeverBreakTheReaders) {

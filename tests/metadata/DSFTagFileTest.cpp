@@ -40,38 +40,6 @@ uint64_t readLE64(const Bytes& bytes, size_t offset) {
 
 } // namespace
 
-TEST(DSFTagFileTest, ReadsStreamFactsAndTheTagAtTheMetadataOffset) {
-    TempDir dir;
-    const std::string path = dir.file("take.dsf");
-    writeFile(path, dsfFile(2, 2822400, 2822400 * 3 + 17, renderedTag("DSD Title", "DSD Artist")));
-
-    DSFTagFile file(path.c_str());
-    ASSERT_TRUE(file.isValid());
-    ASSERT_TRUE(file.audioProperties());
-    EXPECT_EQ(file.audioProperties()->channels(), 2);
-    EXPECT_EQ(file.audioProperties()->sampleRate(), 2822400);
-    EXPECT_EQ(file.audioProperties()->bitsPerSample(), 1);
-    EXPECT_EQ(file.audioProperties()->lengthInSeconds(), 3);
-    EXPECT_EQ(file.audioProperties()->lengthInMilliseconds(), 3000);
-    EXPECT_EQ(file.audioProperties()->bitrate(), 5645); // kilobits per second
-    EXPECT_EQ(file.audioProperties()->blockSizePerChannel(), 4096u);
-    EXPECT_TRUE(file.hasID3v2Tag());
-    EXPECT_EQ(file.tag()->title(), "DSD Title");
-
-    const auto m = AudioMetadata::metadataFromFile(path);
-    EXPECT_EQ(m->sourceKind(), "DSD");
-    EXPECT_EQ(m->sourceFormat(), "DSF");
-    EXPECT_EQ(m->sourceTagFormat(), "ID3v2.3.0");
-    EXPECT_EQ(m->trackTitle(), "DSD Title");
-    EXPECT_EQ(m->trackArtist(), "DSD Artist");
-    EXPECT_EQ(m->trackYear(), 1987);
-    EXPECT_EQ(m->sourceLength(), 3.0);
-    EXPECT_EQ(m->sourceBitrate(), 5645000);
-    EXPECT_EQ(m->sourceSampleRate(), 2822400);
-    EXPECT_EQ(m->sourceChannels(), 2);
-    EXPECT_EQ(m->sourceSampleSize(), 1);
-}
-
 TEST(DSFTagFileTest, SavePutsTheTagAfterTheSamplesAndUpdatesTheHeader) {
     TempDir dir;
     const std::string path = dir.file("edit.dsf");

@@ -312,25 +312,6 @@ Bytes itModule(std::string_view name, uint16_t version, uint8_t tempo) {
     return out;
 }
 
-Bytes modModule(std::string_view name) {
-    Bytes out;
-    appendField(out, name, 20);
-    for (int i = 0; i < 31; ++i) {
-        appendField(out, i == 0 ? "kick" : "", 22);
-        appendBE(out, 0, 2); // length in words
-        out.push_back(0);
-        out.push_back(64);
-        appendBE(out, 0, 2);
-        appendBE(out, 1, 2);
-    }
-    out.push_back(1); // song length
-    out.push_back(127);
-    out.resize(out.size() + 128, 0);
-    appendText(out, "M.K.");
-    out.resize(out.size() + 1024, 0); // one empty pattern
-    return out;
-}
-
 bool runOrFail(const std::string& command) {
     const CommandResult result = runCommand(command);
     EXPECT_EQ(result.exitCode, 0) << command;

@@ -59,7 +59,6 @@ Bytes xmModule(std::string_view name, std::string_view tracker, uint16_t version
                uint16_t tempo, uint16_t bpm);
 Bytes s3mModule(std::string_view name, uint16_t trackerVersion, uint8_t tempo);
 Bytes itModule(std::string_view name, uint16_t version, uint8_t tempo);
-Bytes modModule(std::string_view name);
 
 // Runs a shell command and fails the current test when it does not succeed.
 bool runOrFail(const std::string& command);

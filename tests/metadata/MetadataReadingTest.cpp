@@ -189,137 +189,14 @@ TEST_F(MetadataReadingTest, MP3WithThreeTagsKeepsTheirOrderAndPrecedence) {
 // ---------------------------------------------------------------------------
 // MP4
 
-TEST_F(MetadataReadingTest, AACInM4AGivesMP4ItemsAndStreamFacts) {
-    const std::string path = dir.file("aac.m4a");
-    ASSERT_TRUE(ffmpegEncode(path, "-c:a aac -b:a 128k -metadata title=Tune -metadata artist=Me "
-                                   "-metadata track=3/9 -metadata album=Record"));
-    const auto m = AudioMetadata::metadataFromFile(path);
-    EXPECT_EQ(m->sourceTagFormat(), "MP4 Metadata");
-    EXPECT_EQ(m->trackTitle(), "Tune");
-    EXPECT_EQ(m->trackArtist(), "Me");
-    EXPECT_EQ(m->albumTitle(), "Record");
-    EXPECT_EQ(m->trackNumber(), 3);
-    EXPECT_EQ(m->totalTracks(), 9);
-    EXPECT_EQ(m->sourceKind(), "Apple MPEG-4 Audio");
-    EXPECT_EQ(m->sourceFormat(), "AAC");
-    EXPECT_EQ(m->sourceSampleRate(), 44100);
-    EXPECT_EQ(m->sourceChannels(), 2);
-    EXPECT_EQ(m->sourceChannelMode(), "Stereo");
-    EXPECT_FALSE(m->sourceSampleSize()); // coded data has no sample size
-    ASSERT_TRUE(m->sourceLength());
-    EXPECT_NEAR(*m->sourceLength(), 2.0, 0.1);
-    ASSERT_TRUE(m->sourceBitrate());
-    EXPECT_NEAR(double(*m->sourceBitrate()), 128000, 40000);
-}
-
 // ---------------------------------------------------------------------------
 // Ogg
-
-TEST_F(MetadataReadingTest, OggCodecsAreToldApartByContentNotExtension) {
-    struct Case {
-        const char* file;
-        const char* options;
-        const char* kind;
-        const char* format;
-    };
-    const Case cases[] = {
-        {"v.ogg", "-c:a libvorbis -q:a 4 -f ogg", "OGG Vorbis", "Vorbis"},
-        {"o.opus", "-c:a libopus -b:a 64k -f ogg", "Ogg Opus", "Opus"},
-        {"s.spx", "-c:a libspeex -ac 1 -ar 16000 -f ogg", "OGG Speex", "Speex v1"},
-        {"f.oga", "-c:a flac -f ogg", "OGG FLAC", "Free Lossless Audio Codec"},
-        // An Opus stream named like Speex is still read as Opus.
-        {"opus-named.spx", "-c:a libopus -f ogg", "Ogg Opus", "Opus"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.file);
-        const std::string path = dir.file(c.file);
-        ASSERT_TRUE(ffmpegEncode(path, std::string(c.options) + " -metadata TITLE=Oggy", 2.5));
-        const auto m = AudioMetadata::metadataFromFile(path);
-        EXPECT_EQ(m->sourceKind(), c.kind);
-        EXPECT_EQ(m->sourceFormat(), c.format);
-        EXPECT_EQ(m->sourceTagFormat(), "Vorbis");
-        EXPECT_EQ(m->trackTitle(), "Oggy");
-        // ffmpeg's Ogg FLAC header does not state the length.
-        if (std::string(c.kind) != "OGG FLAC") {
-            EXPECT_EQ(m->sourceLength(), 2.0); // 2.5 seconds, in whole seconds
-        }
-    }
-}
 
 // ---------------------------------------------------------------------------
 // Tracker modules
 
-TEST_F(MetadataReadingTest, ModuleFilesGiveTrackerVersionTempoAndNames) {
-    writeFile(dir.file("tune.xm"), xmModule("Space Tune", "FastTracker v2.00", 0x0104, 8, 6, 125));
-    writeFile(dir.file("tune.s3m"), s3mModule("Scream Tune", 0x1320, 140));
-    writeFile(dir.file("tune.it"), itModule("Impulse Tune", 0x0214, 150));
-    writeFile(dir.file("tune.MOD"), modModule("Amiga Tune"));
-
-    const auto xm = AudioMetadata::metadataFromFile(dir.file("tune.xm"));
-    EXPECT_EQ(xm->sourceKind(), "Module File");
-    EXPECT_EQ(xm->sourceFormat(), "Fast Tracker 2 v260");
-    EXPECT_EQ(xm->sourceTagFormat(), "Module Tag");
-    EXPECT_EQ(xm->trackTitle(), "Space Tune");
-    EXPECT_EQ(xm->grouping(), "FastTracker v2.00");
-    EXPECT_EQ(xm->bpm(), 125);
-    EXPECT_EQ(xm->sourceChannels(), 8);
-    EXPECT_EQ(xm->sourceSampleSize(), 16);
-
-    const auto s3m = AudioMetadata::metadataFromFile(dir.file("tune.s3m"));
-    EXPECT_EQ(s3m->sourceFormat(), "Scream Tracker 3 v4896");
-    EXPECT_EQ(s3m->trackTitle(), "Scream Tune");
-    EXPECT_EQ(s3m->grouping(), "ScreamTracker III");
-    EXPECT_EQ(s3m->bpm(), 140);
-    EXPECT_EQ(s3m->sourceChannels(), 4);
-
-    const auto it = AudioMetadata::metadataFromFile(dir.file("tune.it"));
-    EXPECT_EQ(it->sourceFormat(), "Impulse Tracker v532");
-    EXPECT_EQ(it->trackTitle(), "Impulse Tune");
-    EXPECT_EQ(it->grouping(), "Impulse Tracker");
-    EXPECT_EQ(it->bpm(), 150);
-    EXPECT_EQ(it->sourceChannels(), 6);
-
-    const auto mod = AudioMetadata::metadataFromFile(dir.file("tune.MOD"));
-    EXPECT_EQ(mod->sourceKind(), "Module File");
-    EXPECT_EQ(mod->sourceFormat(), "Module File");
-    EXPECT_EQ(mod->trackTitle(), "Amiga Tune");
-    EXPECT_EQ(mod->grouping(), "ProTracker");
-    EXPECT_EQ(mod->sourceChannels(), 4);
-    EXPECT_FALSE(mod->bpm());
-    ASSERT_TRUE(mod->trackComment());
-    EXPECT_EQ(mod->trackComment()->rfind("kick", 0), 0u); // the instrument names
-}
-
 // ---------------------------------------------------------------------------
 // The steps after the reader
-
-TEST_F(MetadataReadingTest, PictureBesideTheSourceMatchesIgnoringCaseAndAccents) {
-    const std::string path = dir.file("song.flac");
-    ASSERT_TRUE(makeFLAC(path));
-    writeFile(dir.file("Cover.JPG"), jpegBytes(16, 9));
-    writeFile(dir.file("notes.txt"), Bytes{'h', 'i'});
-
-    // Off: the folder is not looked at.
-    setPreference("readAlbumArtworkFileName", "cover.*");
-    EXPECT_FALSE(AudioMetadata::metadataFromFile(path)->albumArtwork());
-
-    setPreference("readAlbumArtworkFromFile", true);
-    auto m = AudioMetadata::metadataFromFile(path);
-    ASSERT_TRUE(m->albumArtwork());
-    EXPECT_EQ(m->albumArtwork()->originalFilename(), "Cover.JPG");
-    EXPECT_EQ(m->albumArtwork()->mimeType(), "image/jpeg");
-    EXPECT_EQ(m->albumArtwork()->width(), 16);
-
-    // Diacritics in either name do not matter; '?' stands for one character.
-    writeFile(dir.file("Pochette \xC3\x89t\xC3\xA9.png"), pngBytes(5, 5));
-    setPreference("readAlbumArtworkFileName", "POCHETTE ETE.p?g");
-    m = AudioMetadata::metadataFromFile(path);
-    ASSERT_TRUE(m->albumArtwork());
-    EXPECT_EQ(m->albumArtwork()->width(), 5);
-
-    setPreference("readAlbumArtworkFileName", "back.*");
-    EXPECT_FALSE(AudioMetadata::metadataFromFile(path)->albumArtwork());
-}
 
 // ---------------------------------------------------------------------------
 // Garbage

@@ -25,20 +25,6 @@ AudioStreamBasicDescription intFormat(uint32_t bits, uint32_t channels, double r
     return f;
 }
 
-AudioStreamBasicDescription floatFormat(uint32_t channels, bool nonInterleaved,
-                                        double rate = 44100) {
-    AudioStreamBasicDescription f;
-    f.mSampleRate = rate;
-    f.mFormatID = kAudioFormatLinearPCM;
-    f.mFormatFlags = kAudioFormatFlagIsFloat | kAudioFormatFlagIsPacked |
-                     (nonInterleaved ? kAudioFormatFlagIsNonInterleaved : 0);
-    f.mBitsPerChannel = 32;
-    f.mChannelsPerFrame = channels;
-    f.mBytesPerFrame = f.mBytesPerPacket = nonInterleaved ? 4 : 4 * channels;
-    f.mFramesPerPacket = 1;
-    return f;
-}
-
 // Feeds `input` (interleaved bytes) in pieces of at most `piece` frames.
 struct Feeder {
     std::vector<uint8_t> input;
@@ -110,40 +96,6 @@ TEST(AudioConverter, NarrowingRoundsToNearestAndClips) {
     // Halves round to even; the top of the range clips instead of wrapping.
     const std::vector<int32_t> expected = {32767, 32767, 0, 0, 0, -1, -32768, 1000};
     EXPECT_EQ(out, expected);
-}
-
-TEST(AudioConverter, NonInterleavedFloatRoundTripIsExactFor16Bit) {
-    const auto samples = test::makeSignal(3000, 3, 16);
-    Feeder feeder{test::packLittleEndian(samples, 16), 6, 512};
-    auto toFloat = AudioConverter::create(intFormat(16, 3), floatFormat(3, true));
-    ASSERT_TRUE(toFloat);
-    std::vector<std::vector<float>> planes(3, std::vector<float>(3000));
-    AudioBufferList planar(3);
-    for (uint32_t ch = 0; ch < 3; ++ch)
-        planar.mBuffers[ch] = AudioBuffer{1, 3000 * 4, planes[ch].data()};
-    uint32_t packets = 3000;
-    ASSERT_EQ(toFloat->fillComplexBuffer(feeder.proc(), packets, planar), noErr);
-    ASSERT_EQ(packets, 3000u);
-    EXPECT_FLOAT_EQ(planes[1][0] * 32768.0f, float(samples[1]));
-
-    auto back = AudioConverter::create(floatFormat(3, true), intFormat(16, 3));
-    bool delivered = false;
-    auto proc = [&](uint32_t& n, AudioBufferList& list) {
-        if (delivered) {
-            n = 0;
-            return noErr;
-        }
-        delivered = true;
-        n = 3000;
-        for (uint32_t ch = 0; ch < 3; ++ch)
-            list.mBuffers[ch] = AudioBuffer{1, 3000 * 4, planes[ch].data()};
-        return noErr;
-    };
-    std::vector<uint8_t> out(3000 * 6);
-    auto list = AudioBufferList::single(out.data(), uint32_t(out.size()), 3);
-    packets = 3000;
-    ASSERT_EQ(back->fillComplexBuffer(proc, packets, list), noErr);
-    EXPECT_EQ(unpack(out, 16), samples);
 }
 
 TEST(AudioConverter, ResamplingKeepsPitchLengthAndLevel) {
