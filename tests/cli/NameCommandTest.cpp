@@ -91,13 +91,3 @@ TEST_F(NameCommandTest, FormatFillsTheOutputSpecifiers) {
     EXPECT_NE(bad.err.find("unknown key 'lvl' in 'flac:lvl=5'"), std::string::npos) << bad.err;
     EXPECT_EQ(velvox("name --scheme x --format 7 " + files_).exitCode, 2);
 }
-
-TEST_F(NameCommandTest, AMissingFileFailsWithoutStoppingTheOthers) {
-    const std::string missing = dir_.file("missing.flac");
-    const Outcome r = velvox("name --scheme " + kTrackScheme + " " + shellQuote(missing) + " " +
-                             shellQuote(song_));
-    EXPECT_EQ(r.exitCode, 1);
-    EXPECT_EQ(r.out, "03 - Song\n");
-    EXPECT_NE(r.err.find(missing), std::string::npos) << r.err;
-    EXPECT_EQ(velvox("name --scheme x").exitCode, 2); // no files
-}

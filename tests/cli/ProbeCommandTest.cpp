@@ -75,20 +75,3 @@ TEST(ProbeCommand, JsonReportsEveryFileAndFailuresDoNotStopTheOthers) {
     EXPECT_EQ(json[4]["decoder"], "OggFLACDecoder");
     EXPECT_EQ(json[4]["pcmMD5"], first["pcmMD5"]);
 }
-
-TEST(ProbeCommand, TextOutputAndExitStatus) {
-    TempDir dir;
-    const std::string path = dir.file("a.flac");
-    ASSERT_EQ(
-        runCommand("sox -n -r 44100 -b 16 -c 1 " + shellQuote(path) + " synth 1 sine 440").exitCode,
-        0);
-    const auto ok = runVelvox("probe " + shellQuote(path));
-    EXPECT_EQ(ok.exitCode, 0);
-    EXPECT_NE(ok.output.find("FLACDecoder"), std::string::npos);
-    EXPECT_NE(ok.output.find(flacReferenceMD5(path)), std::string::npos);
-    EXPECT_NE(ok.output.find("0x00640001"), std::string::npos); // mono
-
-    EXPECT_EQ(runVelvox("probe").exitCode, 2); // no files
-    EXPECT_EQ(runVelvox("").exitCode, 2);      // no command
-    EXPECT_EQ(runVelvox("probe --bogus x").exitCode, 2);
-}

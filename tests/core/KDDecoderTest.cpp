@@ -81,21 +81,6 @@ TEST(KDDecoder, LastShortReadThenZero) {
     EXPECT_EQ(d->totalFrames(), -1);
 }
 
-TEST(KDDecoder, FillsAtMostOncePerReadAndNotWhenEnoughIsBuffered) {
-    auto d = counting(100000, 1000);
-    std::vector<uint8_t> buf(4096 * 4);
-    auto list = AudioBufferList::single(buf.data(), uint32_t(buf.size()), 2);
-    // One fill of 1000 frames cannot satisfy 4096: the read is short, not repeated.
-    EXPECT_EQ(d->readAudio(&list, 4096), 1000u);
-    EXPECT_EQ(d->fills, 1);
-    list.mBuffers[0].mDataByteSize = uint32_t(buf.size());
-    d->fillPCMBuffer();
-    d->fillPCMBuffer(); // 2000 frames buffered
-    const int before = d->fills;
-    EXPECT_EQ(d->readAudio(&list, 1500), 1500u);
-    EXPECT_EQ(d->fills, before);
-}
-
 TEST(KDDecoderFactory, RowsPickTheirDecoderClassEvenWhenItIsNotBuilt) {
     // Rows whose decoders arrive later must name them and fail cleanly.
     test::TempDir dir;

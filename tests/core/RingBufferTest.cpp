@@ -44,20 +44,6 @@ TEST(RingBuffer, WrappedWriteThatFillsExactlyReadsAsEmpty) {
     EXPECT_EQ(rb.freeSpaceAvailable(), 16u);
 }
 
-TEST(RingBuffer, ExposeForReadingOnWrappedBufferNormalises) {
-    RingBuffer rb(16);
-    std::vector<uint8_t> expected;
-    makeWrapped(rb, 3, 9, expected);
-    const uint8_t* p = rb.exposeBufferForReading();
-    ASSERT_EQ(rb.bytesAvailable(), 12u);
-    EXPECT_EQ(rb.contiguousBytesAvailable(), 12u);
-    EXPECT_EQ(std::vector<uint8_t>(p, p + 12), expected);
-    // After normalising, the free space is contiguous too.
-    uint8_t* w = rb.exposeBufferForWriting();
-    EXPECT_EQ(w, p + 12);
-    EXPECT_EQ(rb.contiguousFreeSpaceAvailable(), 4u);
-}
-
 TEST(RingBuffer, ResizeGrowsKeepingReadableBytesAtTheStart) {
     RingBuffer rb(16);
     std::vector<uint8_t> expected;

@@ -40,16 +40,6 @@ void writeOggWithFirstPacket(const std::string& path, const std::string& packetB
     writeFile(path, out);
 }
 
-std::string reasonOf(const std::function<void()>& f) {
-    try {
-        f();
-    } catch (const Exception& e) {
-        EXPECT_EQ(e.name(), "NSInternalInconsistencyException");
-        return e.reason();
-    }
-    return "(no exception)";
-}
-
 } // namespace
 
 TEST(OggStreamType, ClassifiesTheFirstPacket) {
@@ -78,20 +68,6 @@ TEST(OggStreamType, ClassifiesTheFirstPacket) {
         const std::string path = dir.file("f" + std::to_string(i++) + ".ogg");
         writeOggWithFirstPacket(path, c.packet, c.bos);
         EXPECT_EQ(oggStreamType(path), c.type) << c.packet;
-    }
-}
-
-TEST(OggStreamType, FactoryRaisesForUnknownCodecAndRoutesByContent) {
-    TempDir dir;
-    writeOggWithFirstPacket(dir.file("mystery.ogg"), "Hello, this is not a codec header");
-    EXPECT_EQ(reasonOf([&] { KDDecoder::decoderWithFilename(dir.file("mystery.ogg")); }),
-              "The Ogg File's Data Format Is Unknown.");
-    // ".opus" holding Vorbis goes to the Vorbis decoder: content decides.
-    writeOggWithFirstPacket(dir.file("vorbis.opus"), std::string("\x01vorbis\0\0\0\0\x02", 12));
-    if (!KDDecoder::isDecoderClassRegistered("OggVorbisDecoder")) {
-        EXPECT_EQ(KDDecoder::decoderWithFilename(dir.file("vorbis.opus")), nullptr);
-        const auto lines = ErrorLog::sharedController().messages();
-        EXPECT_NE(lines.back().find("OggVorbisDecoder"), std::string::npos);
     }
 }
 

@@ -130,20 +130,6 @@ TEST(FLACDecoder, OggFLACIsChosenByContentAndDecodesBitExact) {
     }
 }
 
-TEST(FLACDecoder, BlocksLargerThanTheRingBufferGrowIt) {
-    // 16384-sample blocks of 8 × 24-bit channels are 384 KiB, far over the
-    // default 32 KiB ring buffer.
-    TempDir dir;
-    std::vector<int32_t> samples;
-    const std::string path = makeFlac(dir, "big.flac", 8, 24, 70000, "--lax -b 16384", &samples);
-    auto decoder = open(path);
-    ASSERT_TRUE(decoder);
-    const Decoded d = decodeAll(*decoder, 1000);
-    EXPECT_EQ(d.frames, 70000u);
-    EXPECT_GE(decoder->pcmBuffer().size(), 16384u * 8 * 3);
-    EXPECT_EQ(md5Hex(d.pcm), md5Hex(packLittleEndian(samples, 24)));
-}
-
 TEST(FLACDecoder, BadFilesFailWithOneLogLineEach) {
     TempDir dir;
     auto& log = ErrorLog::sharedController();

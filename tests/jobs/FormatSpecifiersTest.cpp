@@ -216,26 +216,5 @@ TEST_F(FormatSpecifiersTest, ArbitraryTemplatesTerminateWithWellFormedGroups) {
 
 // ---- Collisions -------------------------------------------------------------
 
-TEST_F(FormatSpecifiersTest, UniquePathCountsUpFromTwo) {
-    test::TempDir dir;
-    const std::string song = dir.file("Song.mp3");
-    EXPECT_EQ(uniquePathForPath(song), song);
-    test::writeFile(song, {1});
-    EXPECT_EQ(uniquePathForPath(song), dir.file("Song 2.mp3"));
-    test::writeFile(dir.file("Song 2.mp3"), {2});
-    EXPECT_EQ(uniquePathForPath(song), dir.file("Song 3.mp3"));
-    // A gap is filled first.
-    test::writeFile(dir.file("Song 4.mp3"), {4});
-    EXPECT_EQ(uniquePathForPath(song), dir.file("Song 3.mp3"));
-
-    // No extension, and a folder in the way counts as taken.
-    const std::string plain = dir.file("Notes");
-    std::filesystem::create_directory(plain);
-    EXPECT_EQ(uniquePathForPath(plain), dir.file("Notes 2"));
-    // Only the last extension moves behind the number.
-    test::writeFile(dir.file("a.b.flac"), {1});
-    EXPECT_EQ(uniquePathForPath(dir.file("a.b.flac")), dir.file("a.b 2.flac"));
-}
-
 } // namespace
 } // namespace velvox

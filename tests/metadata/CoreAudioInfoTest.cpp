@@ -118,9 +118,6 @@ TEST(CoreAudioInfoTest, MutatedContainersNeverBreakTheReaders) {
                          cafChunk("uuid", appleLoopsPayload({{"genre", "G"}}))})},
         {"dsf", dsfFile(2, 2822400, 40000, Bytes{'I', 'D', '3', 3, 0, 0, 0, 0, 0, 12, 'T',
                                                  'I', 'T', '2', 0, 0, 0, 2, 0, 0, 0,  'x'})},
-        {"xm", xmModule("name", "tracker", 0x104, 4, 6, 125)},
-        {"s3m", s3mModule("name", 0x1320, 125)},
-        {"it", itModule("name", 0x214, 125)},
     };
     uint32_t seed = 12345;
     auto next = [&] {

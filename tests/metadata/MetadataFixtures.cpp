@@ -24,11 +24,6 @@ void appendText(Bytes& out, std::string_view text) {
     out.insert(out.end(), text.begin(), text.end());
 }
 
-void appendField(Bytes& out, std::string_view text, size_t width) {
-    for (size_t i = 0; i < width; ++i)
-        out.push_back(i < text.size() ? uint8_t(text[i]) : 0);
-}
-
 Bytes concat(const std::vector<Bytes>& parts) {
     Bytes out;
     for (const auto& part : parts)
@@ -236,80 +231,6 @@ Bytes dsfFile(uint32_t channels, uint32_t sampleRate, uint64_t samplesPerChannel
     appendLE(out, dataChunk, 8);
     out.resize(out.size() + dataBytes, 0x69); // DSD silence pattern
     return concat({out, metadata});
-}
-
-Bytes xmModule(std::string_view name, std::string_view tracker, uint16_t version, uint16_t channels,
-               uint16_t tempo, uint16_t bpm) {
-    Bytes out;
-    appendText(out, "Extended Module: ");
-    appendField(out, name, 20);
-    out.push_back(0x1A);
-    appendField(out, tracker, 20);
-    appendLE(out, version, 2);
-    appendLE(out, 276, 4); // header size
-    appendLE(out, 1, 2);   // song length
-    appendLE(out, 0, 2);   // restart position
-    appendLE(out, channels, 2);
-    appendLE(out, 0, 2); // patterns
-    appendLE(out, 0, 2); // instruments
-    appendLE(out, 1, 2); // linear frequency table
-    appendLE(out, tempo, 2);
-    appendLE(out, bpm, 2);
-    out.resize(out.size() + 256, 0); // pattern order table
-    return out;
-}
-
-Bytes s3mModule(std::string_view name, uint16_t trackerVersion, uint8_t tempo) {
-    Bytes out;
-    appendField(out, name, 28);
-    out.push_back(0x1A);
-    out.push_back(0x10);
-    appendLE(out, 0, 2);
-    appendLE(out, 2, 2); // orders
-    appendLE(out, 0, 2); // instruments
-    appendLE(out, 0, 2); // patterns
-    appendLE(out, 0, 2); // flags
-    appendLE(out, trackerVersion, 2);
-    appendLE(out, 2, 2); // file format version
-    appendText(out, "SCRM");
-    out.push_back(64);    // global volume
-    out.push_back(tempo); // what TagLib calls the speed in beats per minute
-    out.push_back(6);
-    out.push_back(0xB0); // master volume, stereo
-    out.resize(64, 0);
-    for (int i = 0; i < 32; ++i)
-        out.push_back(i < 4 ? uint8_t(i) : 0xFF);
-    out.push_back(0); // orders: pattern 0, end
-    out.push_back(255);
-    return out;
-}
-
-Bytes itModule(std::string_view name, uint16_t version, uint8_t tempo) {
-    Bytes out;
-    appendText(out, "IMPM");
-    appendField(out, name, 26);
-    appendLE(out, 0x1004, 2); // pattern row highlight
-    appendLE(out, 1, 2);      // orders
-    appendLE(out, 0, 2);      // instruments
-    appendLE(out, 0, 2);      // samples
-    appendLE(out, 0, 2);      // patterns
-    appendLE(out, version, 2);
-    appendLE(out, 0x0214, 2); // compatible version
-    appendLE(out, 0x0009, 2); // flags
-    appendLE(out, 0, 2);      // special
-    out.push_back(128);       // global volume
-    out.push_back(48);        // mix volume
-    out.push_back(tempo);     // what TagLib calls the speed in beats per minute
-    out.push_back(6);
-    out.push_back(128); // panning separation
-    out.push_back(0);
-    out.resize(64, 0);
-    for (int i = 0; i < 64; ++i)
-        out.push_back(i < 6 ? 32 : 0xA0); // six enabled channels
-    for (int i = 0; i < 64; ++i)
-        out.push_back(64);
-    out.push_back(255); // order list: end
-    return out;
 }
 
 bool runOrFail(const std::string& command) {

@@ -17,8 +17,6 @@ using Bytes = std::vector<uint8_t>;
 void appendLE(Bytes& out, uint64_t value, int bytes);
 void appendBE(Bytes& out, uint64_t value, int bytes);
 void appendText(Bytes& out, std::string_view text);
-// A fixed-width field: the text, cut or padded with NULs to the width.
-void appendField(Bytes& out, std::string_view text, size_t width);
 Bytes concat(const std::vector<Bytes>& parts);
 
 Bytes pngBytes(int width, int height);
@@ -55,10 +53,6 @@ Bytes dsfFile(uint32_t channels, uint32_t sampleRate, uint64_t samplesPerChannel
               const Bytes& metadata);
 
 // Minimal tracker modules that TagLib accepts.
-Bytes xmModule(std::string_view name, std::string_view tracker, uint16_t version, uint16_t channels,
-               uint16_t tempo, uint16_t bpm);
-Bytes s3mModule(std::string_view name, uint16_t trackerVersion, uint8_t tempo);
-Bytes itModule(std::string_view name, uint16_t version, uint8_t tempo);
 
 // Runs a shell command and fails the current test when it does not succeed.
 bool runOrFail(const std::string& command);

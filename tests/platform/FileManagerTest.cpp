@@ -58,9 +58,3 @@ TEST(FileManager, QuarantineMarksAreCleared) {
     char value[16];
     EXPECT_LT(::getxattr(dir.file("f").c_str(), "user.xdg.origin.url", value, sizeof value), 0);
 }
-
-TEST(FileManager, MusicLibraryFolderIsRecognisedAsText) {
-    const std::string library = (FileManager::homeDirectory() / "Music/iTunes").string();
-    EXPECT_TRUE(FileManager::isInMusicLibraryFolder(library + "/Music/a.m4a"));
-    EXPECT_FALSE(FileManager::isInMusicLibraryFolder("/srv/music/a.m4a"));
-}
