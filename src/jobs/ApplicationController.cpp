@@ -280,17 +280,7 @@ void ApplicationController::encode() {
     stop_ = false;
     createdOutputPaths_.clear();
 
-    const int64_t limit = numProcesses();
-    // Starting a job may finish it at once; its report waits for this walk.
-    const auto jobs = operations_;
-    for (const auto& job : jobs) {
-        if (runningCount_ >= limit)
-            break;
-        if (!job->isExecuting() && !job->isFinished()) {
-            startJob(job);
-            ++nextIndex_;
-        }
-    }
+    startIdleJobsFromTop(false, true);
     encoderRunning_ = runningCount_ > 0;
 }
 
@@ -320,14 +310,19 @@ void ApplicationController::removeJob(const std::shared_ptr<FileEncodeOperation>
     operations_.erase(it);
 }
 
-void ApplicationController::startIdleJobsFromTop(bool skipCancelled) {
+void ApplicationController::startIdleJobsFromTop(bool skipCancelled, bool advanceNextIndex) {
     const int64_t limit = numProcesses();
+    // A copy: starting a job may finish it at once, and its report (posted to
+    // the main loop) must not change the list under this walk.
     const auto jobs = operations_;
     for (const auto& job : jobs) {
         if (runningCount_ >= limit)
             break;
-        if (!job->isExecuting() && !job->isFinished() && !(skipCancelled && job->isCancelled()))
-            startJob(job);
+        if (job->isExecuting() || job->isFinished() || (skipCancelled && job->isCancelled()))
+            continue;
+        startJob(job);
+        if (advanceNextIndex)
+            ++nextIndex_;
     }
 }
 
@@ -369,7 +364,7 @@ void ApplicationController::operationDidFinish(const std::shared_ptr<FileEncodeO
         if (!stop_) {
             const int64_t limit = numProcesses();
             if (!kept) {
-                startIdleJobsFromTop(true);
+                startIdleJobsFromTop(true, false);
             } else {
                 while (runningCount_ < limit && nextIndex_ < int64_t(operations_.size())) {
                     auto next = operations_[size_t(nextIndex_)];
@@ -509,15 +504,7 @@ void ApplicationController::alertDidEnd(int returnCode, bool suppressionButtonOn
             }
         }
     } else if (!stop_) {
-        const int64_t limit = numProcesses();
-        for (const auto& job : operations_) {
-            if (runningCount_ >= limit)
-                break;
-            if (!job->isExecuting() && !job->isFinished()) {
-                startJob(job);
-                ++nextIndex_;
-            }
-        }
+        startIdleJobsFromTop(false, true);
     }
 }
 

@@ -108,7 +108,8 @@ private:
     // Checks the output folder; false after showing the alert.
     bool outputFolderIsUsable();
     void startJob(const std::shared_ptr<FileEncodeOperation>& job);
-    void startIdleJobsFromTop(bool skipCancelled);
+    // Starts waiting jobs in list order while fewer than "numProcesses" run.
+    void startIdleJobsFromTop(bool skipCancelled, bool advanceNextIndex);
     void batchDidEnd();
     void removeJob(const std::shared_ptr<FileEncodeOperation>& job);
 
