@@ -1,8 +1,8 @@
 #pragma once
 // velvox name [--scheme TEMPLATE] [--format FORMAT|N] FILE...
 // One line per file: the naming template expanded for that file with its
-// values made safe as file names, exactly as the preferences preview shows it
-// (no output folder in front, no extension after). Without --scheme the
+// values made safe as file names: the part of the output path the template
+// decides (no output folder in front, no extension after). Without --scheme the
 // saved "customNamingScheme" is used; --format gives the output format that
 // {outputFormat}, {bitrate} and their kind refer to, as a FORMAT or as the
 // number of a saved format.

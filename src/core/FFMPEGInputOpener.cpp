@@ -39,7 +39,7 @@ void FFMPEGInputOpener::sleepFor(std::chrono::microseconds duration) {
         std::this_thread::sleep_for(duration);
 }
 
-int FFMPEGInputOpener::openInput(const std::string& path, FormatContextPtr& context) {
+int FFMPEGInputOpener::openInput(const std::string& path, AVFormatContextPtr& context) {
     // Seeded from the clock on every call: 1.0 to 3.9999 seconds in steps of
     // 100 microseconds.
     std::minstd_rand random(uint32_t(std::time(nullptr)));

@@ -1,7 +1,7 @@
 #pragma once
-// Opens a file with libavformat, for decoding and for metadata reading. A file that is not
-// there (yet) may still be arriving — a download finishing, a network share
-// catching up — so a missing file is retried a few times after a randomised
+// Opens a file with libavformat, for decoding and for metadata reading. A
+// file that is not there (yet) may still be arriving — a download finishing,
+// a network share catching up — so a missing file is retried a few times after a randomised
 // wait, so that parallel jobs do not retry in lockstep. Any other error gives
 // up at once.
 
@@ -10,9 +10,7 @@
 #include <memory>
 #include <string>
 
-extern "C" {
-#include <libavformat/avformat.h>
-}
+#include "core/LibavHandles.h"
 
 namespace velvox {
 
@@ -23,14 +21,9 @@ public:
     // Tries made to open a missing file before giving up.
     static constexpr int kMaxOpenTries = 4;
 
-    struct FormatContextDeleter {
-        void operator()(AVFormatContext* context) const { avformat_close_input(&context); }
-    };
-    using FormatContextPtr = std::unique_ptr<AVFormatContext, FormatContextDeleter>;
-
     // avformat_open_input with the retry; returns its result (0 or an AVERROR)
     // and, on success, the opened context.
-    static int openInput(const std::string& path, FormatContextPtr& context);
+    static int openInput(const std::string& path, AVFormatContextPtr& context);
 
     // How the waits between tries are made. Tests install a recorder; an
     // empty function restores the real sleep.

@@ -16,7 +16,7 @@
 #include <sndfile.h>
 
 #include "core/KDDecoder.h"
-#include "decoders/LibavHandles.h"
+#include "core/LibavHandles.h"
 
 namespace velvox {
 

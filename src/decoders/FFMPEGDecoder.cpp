@@ -1,5 +1,7 @@
 #include "decoders/FFMPEGDecoder.h"
 
+#include "core/FFMPEGInputOpener.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -32,9 +34,7 @@ bool FFMPEGDecoder::initWithFilename(const std::string& path) {
     auto& log = ErrorLog::sharedController();
 
     // A missing file may still be arriving: the opener retries it.
-    FFMPEGInputOpener::FormatContextPtr opened;
-    int err = FFMPEGInputOpener::openInput(path, opened);
-    ic_.reset(opened.release());
+    int err = FFMPEGInputOpener::openInput(path, ic_);
     if (err < 0) {
         log.logMessage(
             stringWithFormat("FFMPEG Could Not Open Input For File: %@ ERROR: %d", path, err));

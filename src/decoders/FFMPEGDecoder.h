@@ -4,19 +4,13 @@
 // for files the Core Audio decoder cannot open. Delivers 16-bit PCM, or the
 // source's own 8-bit data for packed unsigned 8-bit streams.
 
-#include <chrono>
-#include <functional>
-
-#include "core/FFMPEGInputOpener.h"
 #include "core/KDDecoder.h"
-#include "decoders/LibavHandles.h"
+#include "core/LibavHandles.h"
 
 namespace velvox {
 
 class FFMPEGDecoder : public KDDecoder {
 public:
-    using SleepFunction = FFMPEGInputOpener::SleepFunction;
-
     FFMPEGDecoder();
     ~FFMPEGDecoder() override;
 
@@ -27,16 +21,6 @@ public:
     int64_t totalFrames() const override { return totalFrames_; }
     bool decodesInRealTime() const override { return true; }
     void fillPCMBuffer() override;
-
-    // How the decoder waits between tries when the file is missing (it may
-    // still be arriving, e.g. on a network share). Tests install a recorder;
-    // an empty function restores the real sleep.
-    static void setSleepFunction(SleepFunction sleep) {
-        FFMPEGInputOpener::setSleepFunction(std::move(sleep));
-    }
-
-    // Tries made to open a missing file before giving up.
-    static constexpr int kMaxOpenTries = FFMPEGInputOpener::kMaxOpenTries;
 
 private:
     // Decodes one packet (or drains the decoder when it is null) and appends

@@ -1,7 +1,6 @@
 #include "metadata/AudioMetadata.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>

@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cerrno>
 #include <climits>
 #include <cstring>
 #include <filesystem>
@@ -359,10 +358,17 @@ std::unique_ptr<AudioMetadata> readOggFile(const std::string& path) {
     }
 }
 
+void fillCoreAudioInfo(const CoreAudioFileInfo& info, AudioMetadata& metadata);
+void fillCoreAudioTags(const CoreAudioFileInfo& info, AudioMetadata& metadata);
+
+// The file is parsed once for both: the facts first, as the tempo of an
+// Apple Loops file is worked out from the length they give.
 std::unique_ptr<AudioMetadata> readCoreAudioFile(const std::string& path) {
     auto metadata = std::make_unique<AudioMetadata>();
-    AudioMetadata::getCoreAudioInfoFromFile(path, *metadata);
-    AudioMetadata::getCoreAudioMetadataFromFile(path, *metadata);
+    if (const std::optional<CoreAudioFileInfo> info = CoreAudioFileInfo::infoWithFile(path)) {
+        fillCoreAudioInfo(*info, *metadata);
+        fillCoreAudioTags(*info, *metadata);
+    }
     return metadata;
 }
 
@@ -392,13 +398,6 @@ const std::vector<DispatchEntry>& dispatchTable() {
         {{"ogg", "oga", "oggflac", "spx", "opus"}, &readOggFile},
     };
     return table;
-}
-
-std::string lowercaseExtension(const std::string& path) {
-    std::string extension = std::filesystem::path(path).extension().string();
-    if (!extension.empty() && extension.front() == '.')
-        extension.erase(0, 1);
-    return lowercaseASCII(extension);
 }
 
 // The facts every file has, a picture beside the source and the title from
@@ -689,7 +688,7 @@ std::unique_ptr<AudioMetadata> AudioMetadata::metadataFromWMAFile(const std::str
 
 std::unique_ptr<AudioMetadata> AudioMetadata::metadataFromFFMPEGFile(const std::string& path) {
     auto metadata = std::make_unique<AudioMetadata>();
-    FFMPEGInputOpener::FormatContextPtr context;
+    AVFormatContextPtr context;
     const int error = FFMPEGInputOpener::openInput(path, context);
     if (error < 0 || !context) {
         auto& log = ErrorLog::sharedController();
@@ -1064,19 +1063,18 @@ std::unique_ptr<AudioMetadata> AudioMetadata::metadataFromModFile(const std::str
 // ---------------------------------------------------------------------------
 // The desktop audio file service
 
-void AudioMetadata::getCoreAudioInfoFromFile(const std::string& path, AudioMetadata& metadata) {
-    const std::optional<CoreAudioFileInfo> info = CoreAudioFileInfo::infoWithFile(path);
-    if (!info)
-        return;
+namespace {
 
-    metadata.setSourceKind(info->fileTypeName());
-    const AudioStreamBasicDescription& format = info->dataFormat();
+void fillCoreAudioInfo(const CoreAudioFileInfo& info, AudioMetadata& metadata) {
+
+    metadata.setSourceKind(info.fileTypeName());
+    const AudioStreamBasicDescription& format = info.dataFormat();
     metadata.setSourceSampleRate(int64_t(format.mSampleRate));
     metadata.setSourceChannels(int64_t(format.mChannelsPerFrame));
     if (format.mBitsPerChannel != 0)
         metadata.setSourceSampleSize(int64_t(format.mBitsPerChannel));
-    if (!metadata.sourceFormat() && !info->formatName().empty())
-        metadata.setSourceFormat(info->formatName());
+    if (!metadata.sourceFormat() && !info.formatName().empty())
+        metadata.setSourceFormat(info.formatName());
     if (format.mFormatID == kAudioFormatAppleLossless) {
         switch (format.mFormatFlags) {
         case kAppleLosslessFormatFlag_16BitSourceData:
@@ -1096,37 +1094,27 @@ void AudioMetadata::getCoreAudioInfoFromFile(const std::string& path, AudioMetad
         }
     }
     // The service estimates in single precision.
-    if (info->estimatedDuration() > 0)
-        metadata.setSourceLength(double(float(info->estimatedDuration())));
-    if (info->bitRate() > 0)
-        metadata.setSourceBitrate(int64_t(info->bitRate()));
-    if (!metadata.sourceChannelMode() && info->channelLayoutTag()) {
-        if (auto mode = channelModeForLayoutTag(*info->channelLayoutTag()))
+    if (info.estimatedDuration() > 0)
+        metadata.setSourceLength(double(float(info.estimatedDuration())));
+    if (info.bitRate() > 0)
+        metadata.setSourceBitrate(int64_t(info.bitRate()));
+    if (!metadata.sourceChannelMode() && info.channelLayoutTag()) {
+        if (auto mode = channelModeForLayoutTag(*info.channelLayoutTag()))
             metadata.setSourceChannelMode(std::move(mode));
     }
 
     // Raw chunks, kept for writers that copy them (broadcast-wave data and
     // the like). The format description and the samples are not user data.
-    UserData userData;
-    for (const std::string& identifier : info->chunkIDs()) {
-        if (identifier == "data" || identifier == "fmt ")
-            continue;
-        std::vector<std::vector<uint8_t>> items;
-        for (const std::vector<uint8_t>* item : info->userData(identifier))
-            if (!item->empty())
-                items.push_back(*item);
-        if (!items.empty())
-            userData[identifier] = std::move(items);
-    }
+    AudioMetadata::UserData userData;
+    for (const CoreAudioFileInfo::Chunk& chunk : info.chunks())
+        if (chunk.identifier != "data" && chunk.identifier != "fmt " && !chunk.bytes.empty())
+            userData[chunk.identifier].push_back(chunk.bytes);
     metadata.setUserData(std::move(userData));
 }
 
-void AudioMetadata::getCoreAudioMetadataFromFile(const std::string& path, AudioMetadata& metadata) {
-    const std::optional<CoreAudioFileInfo> info = CoreAudioFileInfo::infoWithFile(path);
-    if (!info)
-        return;
+void fillCoreAudioTags(const CoreAudioFileInfo& info, AudioMetadata& metadata) {
 
-    const auto& dictionary = info->infoDictionary();
+    const auto& dictionary = info.infoDictionary();
     auto value = [&](const char* key) -> const std::string* {
         const auto found = dictionary.find(key);
         return found == dictionary.end() ? nullptr : &found->second;
@@ -1161,7 +1149,7 @@ void AudioMetadata::getCoreAudioMetadataFromFile(const std::string& path, AudioM
         metadata.setISRC(*v);
 
     // Apple Loops metadata: key, genre and the beat count that gives the tempo.
-    for (const std::vector<uint8_t>* item : info->userData("uuid")) {
+    for (const std::vector<uint8_t>* item : info.userData("uuid")) {
         if (item->size() < sizeof kAppleLoopsChunkID ||
             !std::equal(std::begin(kAppleLoopsChunkID), std::end(kAppleLoopsChunkID),
                         item->begin()))
@@ -1193,7 +1181,7 @@ void AudioMetadata::getCoreAudioMetadataFromFile(const std::string& path, AudioM
     }
 
     // Standard MIDI data: the first track's tempo and key.
-    for (const std::vector<uint8_t>* item : info->userData("midi")) {
+    for (const std::vector<uint8_t>* item : info.userData("midi")) {
         const auto parser = KDMIDIParser::parserWithData(std::span<const uint8_t>(*item));
         if (!parser || parser->tracks().empty())
             continue;
@@ -1203,6 +1191,18 @@ void AudioMetadata::getCoreAudioMetadataFromFile(const std::string& path, AudioM
         if (!metadata.key() && track.key())
             metadata.setKey(*track.key());
     }
+}
+
+} // namespace
+
+void AudioMetadata::getCoreAudioInfoFromFile(const std::string& path, AudioMetadata& metadata) {
+    if (const std::optional<CoreAudioFileInfo> info = CoreAudioFileInfo::infoWithFile(path))
+        fillCoreAudioInfo(*info, metadata);
+}
+
+void AudioMetadata::getCoreAudioMetadataFromFile(const std::string& path, AudioMetadata& metadata) {
+    if (const std::optional<CoreAudioFileInfo> info = CoreAudioFileInfo::infoWithFile(path))
+        fillCoreAudioTags(*info, metadata);
 }
 
 } // namespace velvox

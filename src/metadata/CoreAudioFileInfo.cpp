@@ -1,8 +1,6 @@
 #include "metadata/CoreAudioFileInfo.h"
-#include "platform/StringFormat.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cmath>
 #include <cstring>
 #include <fstream>
@@ -18,6 +16,9 @@ extern "C" {
 #include <libavutil/channel_layout.h>
 #include <libavutil/dict.h>
 }
+
+#include "core/LibavHandles.h"
+#include "platform/StringFormat.h"
 
 namespace velvox {
 
@@ -55,13 +56,6 @@ struct SndfileDeleter {
 };
 using SndfilePtr = std::unique_ptr<SNDFILE, SndfileDeleter>;
 
-struct FormatContextDeleter {
-    void operator()(AVFormatContext* context) const { avformat_close_input(&context); }
-};
-struct CodecContextDeleter {
-    void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
-};
-
 uint32_t readBigEndian32(const std::vector<uint8_t>& bytes, size_t offset) {
     return (uint32_t(bytes[offset]) << 24) | (uint32_t(bytes[offset + 1]) << 16) |
            (uint32_t(bytes[offset + 2]) << 8) | uint32_t(bytes[offset + 3]);
@@ -94,7 +88,7 @@ layoutTagFromChunks(const std::vector<CoreAudioFileInfo::Chunk>& chunks) {
     return std::nullopt;
 }
 
-std::optional<AudioChannelLayoutTag> layoutTagForChannelCount(int channels) {
+std::optional<AudioChannelLayoutTag> monoOrStereoLayoutTag(int channels) {
     if (channels == 1)
         return kAudioChannelLayoutTag_Mono;
     if (channels == 2)
@@ -145,7 +139,7 @@ std::optional<AudioChannelLayoutTag> layoutTagForAVLayout(const AVChannelLayout&
     if (layout.order == AV_CHANNEL_ORDER_AMBISONIC && layout.nb_channels == 4)
         return kAudioChannelLayoutTag_Ambisonic_B_Format;
     if (layout.order == AV_CHANNEL_ORDER_UNSPEC)
-        return layoutTagForChannelCount(layout.nb_channels);
+        return monoOrStereoLayoutTag(layout.nb_channels);
     return std::nullopt;
 }
 
@@ -387,14 +381,6 @@ CoreAudioFileInfo::parseInfoChunk(const std::vector<uint8_t>& bytes) {
     return pairs;
 }
 
-std::vector<std::string> CoreAudioFileInfo::chunkIDs() const {
-    std::vector<std::string> ids;
-    for (const auto& chunk : chunks_)
-        if (std::find(ids.begin(), ids.end(), chunk.identifier) == ids.end())
-            ids.push_back(chunk.identifier);
-    return ids;
-}
-
 std::vector<const std::vector<uint8_t>*>
 CoreAudioFileInfo::userData(const std::string& identifier) const {
     std::vector<const std::vector<uint8_t>*> items;
@@ -600,7 +586,7 @@ bool CoreAudioFileInfo::readWithSndfile(const std::string& path, uint64_t fileSi
                        int(sizeof(int) * map.size())) == SF_TRUE)
             channelLayoutTag_ = layoutTagForSndfileMap(map);
         else
-            channelLayoutTag_ = layoutTagForChannelCount(sfinfo.channels);
+            channelLayoutTag_ = monoOrStereoLayoutTag(sfinfo.channels);
     }
     return true;
 }
@@ -609,7 +595,7 @@ bool CoreAudioFileInfo::readWithLibav(const std::string& path, uint64_t fileSize
     AVFormatContext* raw = nullptr;
     if (avformat_open_input(&raw, path.c_str(), nullptr, nullptr) < 0)
         return false;
-    std::unique_ptr<AVFormatContext, FormatContextDeleter> context(raw);
+    AVFormatContextPtr context(raw);
     avformat_find_stream_info(context.get(), nullptr);
 
     const AVStream* stream = nullptr;
@@ -651,8 +637,7 @@ bool CoreAudioFileInfo::readWithLibav(const std::string& path, uint64_t fileSize
         // The source depth lives in the magic cookie, which the decoder reads.
         int bits = parameters->bits_per_raw_sample;
         if (const AVCodec* codec = avcodec_find_decoder(parameters->codec_id)) {
-            std::unique_ptr<AVCodecContext, CodecContextDeleter> decoder(
-                avcodec_alloc_context3(codec));
+            AVCodecContextPtr decoder(avcodec_alloc_context3(codec));
             if (decoder && avcodec_parameters_to_context(decoder.get(), parameters) >= 0 &&
                 avcodec_open2(decoder.get(), codec, nullptr) >= 0)
                 bits = decoder->bits_per_raw_sample;

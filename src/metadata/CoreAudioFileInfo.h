@@ -50,8 +50,6 @@ public:
     // Every chunk of the file in file order, except the container header and
     // the sample data itself (which is never copied into memory).
     const std::vector<Chunk>& chunks() const { return chunks_; }
-    // The distinct chunk identifiers, in order of first appearance.
-    std::vector<std::string> chunkIDs() const;
     // The chunks of one identifier, in file order.
     std::vector<const std::vector<uint8_t>*> userData(const std::string& identifier) const;
 

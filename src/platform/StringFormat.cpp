@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cctype>
 
-#include <cctype>
 #include <cstdarg>
 #include <vector>
 

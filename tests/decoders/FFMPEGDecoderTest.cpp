@@ -59,21 +59,6 @@ std::vector<uint8_t> ffmpegRaw(const std::string& path, const std::string& forma
     return std::vector<uint8_t>(r.output.begin(), r.output.end());
 }
 
-// Installs a sleep that records instead of waiting, and can run an action on
-// a given call; the real sleep comes back at the end of the test.
-class RecordedSleep {
-public:
-    explicit RecordedSleep(std::function<void(int)> onCall = {}) {
-        FFMPEGDecoder::setSleepFunction([this, onCall](std::chrono::microseconds d) {
-            durations.push_back(d);
-            if (onCall)
-                onCall(int(durations.size()));
-        });
-    }
-    ~RecordedSleep() { FFMPEGDecoder::setSleepFunction({}); }
-    std::vector<std::chrono::microseconds> durations;
-};
-
 } // namespace
 
 TEST(FFMPEGDecoderTest, SampleFormatsBecome16BitOrStayUnsigned8Bit) {
