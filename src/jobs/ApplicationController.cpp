@@ -91,6 +91,12 @@ void ApplicationController::saveUserDefaults() {
 
 // ---- Intake ----
 
+bool ApplicationController::containsMP3Files() const {
+    return std::any_of(operations_.begin(), operations_.end(), [](const auto& job) {
+        return lowercaseExtension(job->inFilePath()) == "mp3";
+    });
+}
+
 bool ApplicationController::isQueued(const std::string& path) const {
     return std::any_of(operations_.begin(), operations_.end(),
                        [&](const auto& job) { return job->inFilePath() == path; });
@@ -117,8 +123,6 @@ void ApplicationController::addFileEncodeOperationToQueueWithFilePath(
         });
     operations_.push_back(job);
     finishObservers_.push_back(token);
-    if (lowercaseExtension(path) == "mp3")
-        containsMP3Files_ = true;
 }
 
 void ApplicationController::parseDroppedFiles(const std::vector<std::string>& paths) {
@@ -230,8 +234,7 @@ bool ApplicationController::outputFolderIsUsable() {
     if (::access(folder.c_str(), W_OK) != 0)
         return refuse("Permissions Error.", "You do not have write permissions to the output "
                                             "folder.  Please specify a new one in preferences.");
-    const std::string library = (FileManager::homeDirectory() / "Music/iTunes").string();
-    if (folder.find(library) != std::string::npos)
+    if (FileManager::isInMusicLibraryFolder(folder))
         return refuse("Invalid Output Folder.",
                       "Files can not be written to a user's iTunes library folder.  Please choose "
                       "a different output folder in the preferences.");
@@ -280,7 +283,7 @@ void ApplicationController::encode() {
     stop_ = false;
     createdOutputPaths_.clear();
 
-    startIdleJobsFromTop(false, true);
+    startNextJobs();
     encoderRunning_ = runningCount_ > 0;
 }
 
@@ -308,21 +311,18 @@ void ApplicationController::removeJob(const std::shared_ptr<FileEncodeOperation>
     job->removeObserver(finishObservers_[index]);
     finishObservers_.erase(finishObservers_.begin() + std::ptrdiff_t(index));
     operations_.erase(it);
+    if (int64_t(index) < nextIndex_)
+        --nextIndex_;
 }
 
-void ApplicationController::startIdleJobsFromTop(bool skipCancelled, bool advanceNextIndex) {
+// Jobs before the cursor have been started in this batch (and are running,
+// finished and gone, or kept and reset); jobs from it on have not.
+void ApplicationController::startNextJobs() {
     const int64_t limit = numProcesses();
-    // A copy: starting a job may finish it at once, and its report (posted to
-    // the main loop) must not change the list under this walk.
-    const auto jobs = operations_;
-    for (const auto& job : jobs) {
-        if (runningCount_ >= limit)
-            break;
-        if (job->isExecuting() || job->isFinished() || (skipCancelled && job->isCancelled()))
-            continue;
-        startJob(job);
-        if (advanceNextIndex)
-            ++nextIndex_;
+    while (runningCount_ < limit && nextIndex_ < int64_t(operations_.size())) {
+        const auto job = operations_[size_t(nextIndex_++)];
+        if (!job->isExecuting() && !job->isFinished())
+            startJob(job);
     }
 }
 
@@ -355,31 +355,12 @@ void ApplicationController::operationDidFinish(const std::shared_ptr<FileEncodeO
         if (ui_)
             ui_->operationsDidChange();
 
-        if (containsMP3Files_ &&
-            std::none_of(operations_.begin(), operations_.end(), [](const auto& queued) {
-                return lowercaseExtension(queued->inFilePath()) == "mp3";
-            }))
-            containsMP3Files_ = false;
-
-        if (!stop_) {
-            const int64_t limit = numProcesses();
-            if (!kept) {
-                startIdleJobsFromTop(true, false);
-            } else {
-                while (runningCount_ < limit && nextIndex_ < int64_t(operations_.size())) {
-                    auto next = operations_[size_t(nextIndex_)];
-                    ++nextIndex_;
-                    if (!next->isExecuting() && !next->isFinished())
-                        startJob(next);
-                }
-            }
-        }
+        if (!stop_)
+            startNextJobs();
     }
 
     if (runningCount_ == 0)
         batchDidEnd();
-    if (operations_.empty())
-        containsMP3Files_ = false;
 }
 
 void ApplicationController::batchDidEnd() {
@@ -411,43 +392,38 @@ void ApplicationController::waitingUserInputDidChange(
         operation->start();
         return;
     }
-    const std::string out = operation->outFilePath().value_or("");
-    switch (overwriteExistingFilesHandling_) {
-    case OverwriteHandlingAsk:
-        if (!alertUp_) {
-            alertUp_ = true;
-            alertOperation_ = operation;
-            if (ui_)
-                ui_->askQuestion(stringWithFormat("The file \"%@\" already exists.",
-                                                  fs::path(out).filename().string()),
-                                 "Do you want to overwrite the existing file?",
-                                 {"No", "Yes", "Skip"}, "Apply to all in this batch");
-        }
-        break;
+    if (overwriteExistingFilesHandling_ != OverwriteHandlingAsk) {
+        applyOverwriteHandling(*operation, overwriteExistingFilesHandling_);
+        return;
+    }
+    if (alertUp_)
+        return; // one question at a time; it comes back when this one ends
+    alertUp_ = true;
+    alertOperation_ = operation;
+    if (ui_)
+        ui_->askQuestion(
+            stringWithFormat("The file \"%@\" already exists.",
+                             fs::path(operation->outFilePath().value_or("")).filename().string()),
+            "Do you want to overwrite the existing file?", {"No", "Yes", "Skip"},
+            "Apply to all in this batch");
+}
+
+void ApplicationController::applyOverwriteHandling(EncodeOperation& operation, int32_t handling) {
+    operation.setWaitingUserInput(false);
+    switch (handling) {
     case OverwriteHandlingSkip:
-        operation->setWaitingUserInput(false);
-        operation->setSuccess(true);
-        operation->setSkipped(true);
-        operation->completeOperation();
-        break;
-    case OverwriteHandlingOverwrite:
-        if (out != operation->inFilePath()) {
-            // The old file goes where the user can still get it back.
-            std::string error;
-            if (!FileManager::trashItem(out, error)) {
-                std::error_code ec;
-                fs::remove(out, ec);
-            }
-        }
-        operation->setWaitingUserInput(false);
-        operation->start();
+        operation.setSuccess(true);
+        operation.setSkipped(true);
+        operation.completeOperation();
         break;
     case OverwriteHandlingKeepBoth:
-        operation->setOutFilePath(uniquePathForPath(out));
-        operation->setWaitingUserInput(false);
-        operation->start();
+        operation.setOutFilePath(uniquePathForPath(operation.outFilePath().value_or("")));
+        operation.start();
         break;
     default:
+        // Overwrite: the operation keeps its path; when it moves the new file
+        // into place, the old one goes to the trash, on the operation's thread.
+        operation.start();
         break;
     }
 }
@@ -455,7 +431,6 @@ void ApplicationController::waitingUserInputDidChange(
 void ApplicationController::alertDidEnd(int returnCode, bool suppressionButtonOn) {
     alertUp_ = false;
     std::shared_ptr<EncodeOperation> operation = std::move(alertOperation_);
-    alertOperation_.reset();
     if (!operation)
         return;
     operation->setWaitingUserInput(false);
@@ -477,21 +452,13 @@ void ApplicationController::alertDidEnd(int returnCode, bool suppressionButtonOn
 
     if (operation->isCancelled() || stop_) {
         operation->start(); // finishes at once
-    } else if (returnCode == kAlertThirdButtonReturn) {
-        operation->setSuccess(true);
-        operation->setSkipped(true);
-        operation->completeOperation();
-        if (suppressionButtonOn)
-            overwriteExistingFilesHandling_ = OverwriteHandlingSkip;
-    } else if (returnCode == kAlertSecondButtonReturn) {
-        operation->start();
-        if (suppressionButtonOn)
-            overwriteExistingFilesHandling_ = OverwriteHandlingOverwrite;
     } else {
-        operation->setOutFilePath(uniquePathForPath(operation->outFilePath().value_or("")));
-        operation->start();
+        const int32_t answer = returnCode == kAlertThirdButtonReturn    ? OverwriteHandlingSkip
+                               : returnCode == kAlertSecondButtonReturn ? OverwriteHandlingOverwrite
+                                                                        : OverwriteHandlingKeepBoth;
+        applyOverwriteHandling(*operation, answer);
         if (suppressionButtonOn)
-            overwriteExistingFilesHandling_ = OverwriteHandlingKeepBoth;
+            overwriteExistingFilesHandling_ = answer;
     }
 
     if (!suppressionButtonOn) {
@@ -504,7 +471,7 @@ void ApplicationController::alertDidEnd(int returnCode, bool suppressionButtonOn
             }
         }
     } else if (!stop_) {
-        startIdleJobsFromTop(false, true);
+        startNextJobs();
     }
 }
 

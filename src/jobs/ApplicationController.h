@@ -86,7 +86,8 @@ public:
     void setInitialOverwriteHandling(int32_t value) { initialOverwriteHandling_ = value; }
 
     bool encoderRunning() const { return encoderRunning_; }
-    bool containsMP3Files() const { return containsMP3Files_; }
+    // Some queued input is an MP3 file.
+    bool containsMP3Files() const;
     bool stopRequested() const { return stop_; }
     int64_t runningCount() const { return runningCount_; }
     int64_t failedCount() const { return failedCount_; }
@@ -108,8 +109,10 @@ private:
     // Checks the output folder; false after showing the alert.
     bool outputFolderIsUsable();
     void startJob(const std::shared_ptr<FileEncodeOperation>& job);
-    // Starts waiting jobs in list order while fewer than "numProcesses" run.
-    void startIdleJobsFromTop(bool skipCancelled, bool advanceNextIndex);
+    // Starts jobs from the cursor on while fewer than "numProcesses" run.
+    void startNextJobs();
+    // Resumes an operation stopped at the overwrite question with an answer.
+    void applyOverwriteHandling(EncodeOperation& operation, int32_t handling);
     void batchDidEnd();
     void removeJob(const std::shared_ptr<FileEncodeOperation>& job);
 
@@ -133,7 +136,6 @@ private:
     std::atomic<bool> parsing_ = false;
     std::atomic<bool> stop_ = false;
     bool encoderRunning_ = false;
-    bool containsMP3Files_ = false;
     bool persistsOutputFormats_ = true;
 };
 

@@ -307,3 +307,22 @@ TEST_F(OverwriteQuestionTest, CancelWithdrawsTheQuestionAndFinishesTheWaitingFil
     EXPECT_EQ(controller.operations().size(), 3u);
     EXPECT_FALSE(fs::exists(out.path() / "Track1 2.flac"));
 }
+
+TEST_F(ApplicationControllerTest, KeptRowsRunOnceEachEvenAfterABatchWideAnswer) {
+    prefs.set("keepFilesInQueueAfterEncoding", true);
+    prefs.set("overwriteOutputFiles", true);
+    prefs.set("promptBeforeOverwriting", true);
+    const auto inputs = makeInputs(3);
+    writeText((out.path() / "Track1.flac").string(), "old");
+    drop(controller, inputs);
+    controller.encode();
+    // The first file waits for its answer while the other two finish and are
+    // reset in place; answering for the whole batch must not run them again.
+    ASSERT_TRUE(runUntil([&] { return ui.questions.size() == 1 && ui.finished.size() == 2; }));
+    controller.alertDidEnd(ApplicationController::kAlertSecondButtonReturn, true);
+    ASSERT_TRUE(runUntil([&] { return !controller.encoderRunning(); }));
+    EXPECT_EQ(Gate::shared().started, 3);
+    EXPECT_EQ(ui.starts, 3);
+    EXPECT_EQ(controller.operations().size(), 3u);
+    EXPECT_EQ(readText((out.path() / "Track1.flac").string()), "audio 1");
+}
