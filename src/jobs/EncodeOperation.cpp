@@ -103,8 +103,10 @@ bool EncodeOperation::initWithFilePath(const std::string& inFilePath,
 
 void EncodeOperation::start() {
     if (cancelled_) {
-        setFinished(true);
-        success_ = true; // never ran: nothing failed
+        // Never ran: nothing failed. Set before the announcement, which its
+        // file job counts.
+        success_ = true;
+        completeOperation();
         return;
     }
     std::lock_guard lock(threadMutex_);
@@ -129,12 +131,6 @@ void EncodeOperation::setExecuting(bool value) {
     willChangeValueForKey("isExecuting");
     executing_ = value;
     didChangeValueForKey("isExecuting");
-}
-
-void EncodeOperation::setFinished(bool value) {
-    willChangeValueForKey("isFinished");
-    finished_ = value;
-    didChangeValueForKey("isFinished");
 }
 
 void EncodeOperation::setWaitingUserInput(bool value) {

@@ -113,7 +113,6 @@ public:
 
 protected:
     void setExecuting(bool value);
-    void setFinished(bool value);
     // Runs a task on the main thread and waits for it.
     static void onMainThread(const std::function<void()>& task);
     // Runs a task on the tagging thread (or here, without a delegate) and waits.
