@@ -222,9 +222,10 @@ void FLACEncodeOperation::writeMetadata() {
     else if (record)
         comment = record->trackComment();
 
-    if (TagLib::Ogg::XiphComment* tag = file.xiphComment(); tag && record)
-        record->fillOutXiphComment(tag, encodedBy, comment, false);
-    file.save();
+    // Created when missing, so that a file without a comment block (one
+    // edited by another tool) still gets its tags.
+    if (record)
+        record->fillOutXiphComment(file.xiphComment(true), encodedBy, comment, false);
 
     file.removePictures();
     if (record && record->albumArtwork() && record->albumArtwork()->data()) {
@@ -238,8 +239,8 @@ void FLACEncodeOperation::writeMetadata() {
         file.addPicture(picture.release()); // the file owns its pictures
     }
 
-    if (!file.xiphComment() && file.pictureList().isEmpty())
-        return;
+    // One save: TagLib rewrites the metadata blocks (and, when they outgrow
+    // the padding, the whole file) on every save.
     file.save();
 }
 
