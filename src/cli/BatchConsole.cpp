@@ -248,7 +248,6 @@ void BatchConsole::operationDidFinish(const FileEncodeOperation& job) {
     std::erase(running_, &job);
     const std::string in = job.inFilePath();
     if (job.isCancelled()) {
-        ++cancelled_;
         printLine("Cancelled: " + in);
     } else if (!job.success()) {
         ++failed_;
@@ -297,8 +296,7 @@ void BatchConsole::watchForInterrupts() {
 }
 
 int BatchConsole::run(ApplicationController& controller, const std::vector<std::string>& paths,
-                      size_t missingInputs,
-                      const std::function<bool(ApplicationController&)>& prepare) {
+                      size_t missingInputs, const Preparation& prepare) {
     controller_ = &controller;
     controller.setUserInterface(this);
     MainRunLoop& loop = MainRunLoop::shared();
@@ -357,8 +355,11 @@ int BatchConsole::run(ApplicationController& controller, const std::vector<std::
     if (prepare) {
         bool prepared = false;
         workerDone = false;
+        // The queue as it stands, taken here on the main thread: the list
+        // itself belongs to the main thread.
+        const auto jobs = controller.operations();
         std::thread worker([&] {
-            prepared = prepare(controller);
+            prepared = prepare(jobs, controller);
             workerDone = true;
             loop.wake();
         });

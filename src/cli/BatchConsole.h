@@ -12,6 +12,7 @@
 #include <atomic>
 #include <functional>
 #include <iosfwd>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -26,6 +27,10 @@ class ApplicationController;
 class BatchConsole : public BatchUserInterface {
 public:
     enum class Mode { Convert, Tag };
+    // Gets the queued jobs and the controller (to see whether the user
+    // cancelled); false stops the run.
+    using Preparation = std::function<bool(
+        const std::vector<std::shared_ptr<FileEncodeOperation>>& jobs, ApplicationController&)>;
 
     BatchConsole(std::ostream& out, std::ostream& err, Mode mode);
     ~BatchConsole() override;
@@ -43,7 +48,7 @@ public:
     // reported as unusable. Returns the exit status: 0 when every file
     // succeeded or was skipped, 1 when any failed, 130 when interrupted.
     int run(ApplicationController& controller, const std::vector<std::string>& paths,
-            size_t missingInputs, const std::function<bool(ApplicationController&)>& prepare);
+            size_t missingInputs, const Preparation& prepare);
 
     // ---- BatchUserInterface ----
     void beep() override;
@@ -81,7 +86,6 @@ private:
     size_t succeeded_ = 0;
     size_t skipped_ = 0;
     size_t failed_ = 0;
-    size_t cancelled_ = 0;
 
     std::thread questionThread_;
     int questionWakeup_[2] = {-1, -1};

@@ -108,8 +108,9 @@ int TagCommand::execute(std::ostream& out, std::ostream& err) const {
     if (inputs.usable().empty())
         return 1;
     BatchConsole console(out, err, BatchConsole::Mode::Tag);
-    auto edit = [&](ApplicationController& batch) {
-        for (const auto& job : batch.operations()) {
+    auto edit = [&](const std::vector<std::shared_ptr<FileEncodeOperation>>& jobs,
+                    ApplicationController& batch) {
+        for (const auto& job : jobs) {
             if (batch.stopRequested())
                 return true;
             std::shared_ptr<AudioMetadata> record = job->metadata();
