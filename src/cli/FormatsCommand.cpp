@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "cli/OutputFormatArgument.h"
+#include "jobs/ApplicationController.h"
 #include "jobs/EncoderSettings.h"
 #include "platform/UserDefaults.h"
 
@@ -13,17 +14,13 @@ namespace velvox {
 
 namespace {
 
-constexpr const char* kEncoderSettingsKey = "encoderSettings";
 constexpr const char* kDefaultEncoderSettingKey = "defaultEncoderSetting";
 
 bool saveFormats(const FormatsCommand::FormatList& formats, std::optional<size_t> defaultIndex,
                  std::ostream& err) {
-    nlohmann::json list = nlohmann::json::array();
-    for (const auto& settings : formats)
-        list.push_back(settings->settingsDictionary());
     UserDefaults& defaults = UserDefaults::standardUserDefaults();
     const bool saved =
-        defaults.setObject(kEncoderSettingsKey, list) &&
+        ApplicationController::saveEncoderSettings(formats) &&
         defaults.setObject(kDefaultEncoderSettingKey, nlohmann::json(defaultIndex.value_or(0)));
     if (!saved)
         err << "velvox formats: could not save the preferences to " << defaults.storePath().string()
@@ -64,12 +61,7 @@ void FormatsCommand::addTo(CLI::App& app) {
 }
 
 FormatsCommand::FormatList FormatsCommand::savedFormats() {
-    FormatList formats;
-    const auto stored = UserDefaults::standardUserDefaults().objectForKey(kEncoderSettingsKey);
-    if (stored && stored->is_array())
-        for (const auto& dictionary : *stored)
-            formats.push_back(EncoderSettings::settingsWithDictionary(dictionary));
-    return formats;
+    return ApplicationController::savedEncoderSettings();
 }
 
 std::optional<size_t> FormatsCommand::defaultFormatIndex(size_t count) {

@@ -25,7 +25,7 @@ class EncoderSettings;
 
 class FormatsCommand {
 public:
-    using FormatList = std::vector<std::unique_ptr<EncoderSettings>>;
+    using FormatList = std::vector<std::shared_ptr<EncoderSettings>>;
 
     void addTo(CLI::App& app);
     // 0 done, 1 refused (duplicate, the last format, preferences not saved),

@@ -48,7 +48,7 @@ void NameCommand::addTo(CLI::App& app) {
 }
 
 int NameCommand::execute(TaggingThread& tagging, std::ostream& out, std::ostream& err) const {
-    std::unique_ptr<EncoderSettings> settings;
+    std::shared_ptr<EncoderSettings> settings;
     if (command_->count("--format")) {
         if (const auto number = savedFormatNumber(format_)) {
             FormatsCommand::FormatList saved = FormatsCommand::savedFormats();
@@ -56,7 +56,7 @@ int NameCommand::execute(TaggingThread& tagging, std::ostream& out, std::ostream
                 err << "velvox name --format: there is no saved output format " << format_ << '\n';
                 return 2;
             }
-            settings = std::move(saved[*number - 1]);
+            settings = saved[*number - 1];
         } else {
             try {
                 settings = OutputFormatArgument::parse(format_);

@@ -60,7 +60,7 @@ ApplicationController::~ApplicationController() {
 
 // ---- Output formats ----
 
-void ApplicationController::loadEncoderSettings() {
+std::vector<std::shared_ptr<EncoderSettings>> ApplicationController::savedEncoderSettings() {
     std::vector<std::shared_ptr<EncoderSettings>> list;
     const auto stored = UserDefaults::standardUserDefaults().objectForKey(kEncoderSettingsKey);
     if (stored && stored->is_array()) {
@@ -72,8 +72,18 @@ void ApplicationController::loadEncoderSettings() {
             list.push_back(std::move(settings));
         }
     }
-    encoderSettings_ = std::move(list);
+    return list;
 }
+
+bool ApplicationController::saveEncoderSettings(
+    const std::vector<std::shared_ptr<EncoderSettings>>& settings) {
+    UserDefaults::Value list = UserDefaults::Value::array();
+    for (const auto& format : settings)
+        list.push_back(format->settingsDictionary());
+    return UserDefaults::standardUserDefaults().setObject(kEncoderSettingsKey, list);
+}
+
+void ApplicationController::loadEncoderSettings() { encoderSettings_ = savedEncoderSettings(); }
 
 void ApplicationController::setEncoderSettings(
     std::vector<std::shared_ptr<EncoderSettings>> settings) {
@@ -81,12 +91,8 @@ void ApplicationController::setEncoderSettings(
 }
 
 void ApplicationController::saveUserDefaults() {
-    if (!persistsOutputFormats_)
-        return;
-    UserDefaults::Value list = UserDefaults::Value::array();
-    for (const auto& settings : encoderSettings_)
-        list.push_back(settings->settingsDictionary());
-    UserDefaults::standardUserDefaults().setObject(kEncoderSettingsKey, list);
+    if (persistsOutputFormats_)
+        saveEncoderSettings(encoderSettings_);
 }
 
 // ---- Intake ----

@@ -72,6 +72,11 @@ public:
     }
     void setEncoderSettings(std::vector<std::shared_ptr<EncoderSettings>> settings);
     void loadEncoderSettings();
+    // The output formats as the preferences keep them ("encoderSettings", a
+    // list of settings dictionaries); entries that are not dictionaries are
+    // passed over. Saving answers whether the store was written.
+    static std::vector<std::shared_ptr<EncoderSettings>> savedEncoderSettings();
+    static bool saveEncoderSettings(const std::vector<std::shared_ptr<EncoderSettings>>& settings);
     // Writes the output formats under "encoderSettings", unless they were
     // given for this run only.
     void saveUserDefaults();
