@@ -58,6 +58,13 @@ Bytes makePNG(int width, int height) {
     return out;
 }
 
+Bytes makeJPEG(int width, int height) {
+    Bytes pixels(static_cast<size_t>(width) * height * 3, 0x40);
+    Bytes out;
+    EXPECT_TRUE(stbi_write_jpg_to_func(appendBytes, &out, width, height, 3, pixels.data(), 90));
+    return out;
+}
+
 std::shared_ptr<AlbumArtwork> artwork(Bytes data, int type = 3,
                                       std::optional<std::string> comments = std::nullopt,
                                       std::optional<std::string> name = std::nullopt) {
@@ -336,6 +343,146 @@ INSTANTIATE_TEST_SUITE_P(TagWriting, TagWritingID3v2Test,
                              return "v2_" + std::to_string(info.param.majorVersion) + "_encoding" +
                                     std::to_string(info.param.encoding);
                          });
+
+TEST(TagWritingTest, APEAndID3v1RoundTripInMP3) {
+    if (!haveReferenceTools())
+        GTEST_SKIP() << "reference tools missing";
+    test::TempDir dir;
+    const std::string path = makeAudioFile(dir, "out.mp3");
+    AudioMetadata written = makeFullRecord();
+    written.setTrackTitle("Plain Title"); // ID3v1 holds Latin-1 only
+    {
+        TagLib::MPEG::File file(path.c_str());
+        ASSERT_TRUE(file.isValid());
+        written.fillOutAPETag(file.APETag(true), kEncodedBy, kComment);
+        written.fillOutID3v1Tag(file.ID3v1Tag(true), std::string("ID3v1 comment"));
+        ASSERT_TRUE(file.save(TagLib::MPEG::File::APE | TagLib::MPEG::File::ID3v1,
+                              TagLib::File::StripOthers));
+    }
+    TagLib::MPEG::File file(path.c_str());
+    ASSERT_TRUE(file.hasAPETag() && file.hasID3v1Tag());
+    ASSERT_FALSE(file.hasID3v2Tag());
+
+    AudioMetadata fromAPE;
+    AudioMetadata::addInfoFromAPETag(file.APETag(), fromAPE);
+    expectSameTagFields(fromAPE, written);
+    EXPECT_EQ(fromAPE.trackComment(), kComment);
+    EXPECT_EQ(fromAPE.sourceEncodedWith(), kEncodedBy);
+    EXPECT_EQ(fromAPE.albumArtwork()->originalFilename(), "front.png");
+    EXPECT_EQ(fromAPE.albumArtwork()->mimeType(), "image/png"); // derived from the bytes
+
+    AudioMetadata fromID3v1;
+    AudioMetadata::addInfoFromID3v1Tag(file.ID3v1Tag(), fromID3v1);
+    EXPECT_EQ(fromID3v1.trackTitle(), "Plain Title");
+    EXPECT_EQ(fromID3v1.trackArtist(), "Track Artist");
+    EXPECT_EQ(fromID3v1.albumTitle(), "Album");
+    EXPECT_EQ(fromID3v1.trackComment(), "ID3v1 comment");
+    EXPECT_EQ(fromID3v1.trackGenre(), "Electronic");
+    EXPECT_EQ(fromID3v1.trackYear(), 1999);
+    EXPECT_EQ(fromID3v1.trackNumber(), 3);
+
+    // mutagen reads both tags on its own.
+    const auto ape = runCommand(
+        kPython +
+        " -c 'import sys; from mutagen.apev2 import APEv2; t = APEv2(sys.argv[1]); "
+        "print(\"|\".join(str(t[k]) for k in (\"Title\", \"Track\", \"TrackTotal\", "
+        "\"DiscNumber\", \"DiscTotal\", \"Compilation\", \"EncodedBy\", \"Lyrics\", \"Year\"))); "
+        "c = t[\"Cover Art (front)\"].value; print(c.split(b\"\\0\")[0].decode(), len(c))' " +
+        shellQuote(path));
+    EXPECT_EQ(ape.exitCode, 0);
+    EXPECT_EQ(ape.output, "Plain Title|3|12|2|4|1|" + kEncodedBy + "|la la la|1999\nfront.png " +
+                              std::to_string(10 + written.albumArtwork()->data()->size()) + "\n");
+    const auto id3v1 = runCommand(kPython +
+                                  " -c 'import sys; from mutagen.id3 import ParseID3v1; "
+                                  "d = open(sys.argv[1], \"rb\").read()[-128:]; "
+                                  "f = ParseID3v1(d); print(f[\"TIT2\"], f[\"TRCK\"], "
+                                  "f[\"TDRC\"], f[\"COMM\"])' " +
+                                  shellQuote(path));
+    EXPECT_EQ(id3v1.exitCode, 0);
+    EXPECT_EQ(id3v1.output, "Plain Title 3 1999 ID3v1 comment\n");
+}
+
+TEST(TagWritingTest, MP4RoundTripInM4A) {
+    if (!haveReferenceTools())
+        GTEST_SKIP() << "reference tools missing";
+    test::TempDir dir;
+    const std::string path = makeAudioFile(dir, "out.m4a");
+    AudioMetadata written = makeFullRecord();
+    written.setAlbumArtwork(artwork(makeJPEG(5, 4)));
+    {
+        TagLib::MP4::File file(path.c_str());
+        ASSERT_TRUE(file.isValid());
+        written.fillOutMP4Tag(file.tag(), kEncodedBy, kComment);
+        ASSERT_TRUE(file.save());
+    }
+    TagLib::MP4::File file(path.c_str());
+    AudioMetadata read;
+    AudioMetadata::addInfoFromMP4Tag(file.tag(), read);
+    expectSameTagFields(read, written);
+    EXPECT_EQ(read.trackComment(), kComment);
+    EXPECT_EQ(read.sourceEncodedWith(), kEncodedBy);
+    EXPECT_EQ(read.albumArtwork()->mimeType(), "image/jpeg");
+
+    const auto tags = ffprobeTags(path);
+    EXPECT_EQ(tags.at("title"), kTitle);
+    EXPECT_EQ(tags.at("artist"), "Track Artist");
+    EXPECT_EQ(tags.at("album"), "Album");
+    EXPECT_EQ(tags.at("album_artist"), "Album Artist");
+    EXPECT_EQ(tags.at("date"), "1999");
+    EXPECT_EQ(tags.at("track"), "3/12");
+    EXPECT_EQ(tags.at("disc"), "2/4");
+    EXPECT_EQ(tags.at("genre"), "Electronic");
+    EXPECT_EQ(tags.at("composer"), "Composer");
+    EXPECT_EQ(tags.at("copyright"), "(C) 1999 Label");
+    EXPECT_EQ(tags.at("comment"), kComment);
+    EXPECT_EQ(tags.at("grouping"), "Grouping");
+    EXPECT_EQ(tags.at("lyrics"), "la la la");
+    EXPECT_EQ(tags.at("compilation"), "1");
+    EXPECT_EQ(tags.at("encoder"), kEncodedBy);
+    EXPECT_EQ(tags.at("initialkey"), "Am");
+    EXPECT_EQ(tags.at("isrc"), "USRC17607839");
+}
+
+TEST(TagWritingTest, ASFRoundTripInWMA) {
+    if (!haveReferenceTools())
+        GTEST_SKIP() << "reference tools missing";
+    test::TempDir dir;
+    const std::string path = makeAudioFile(dir, "out.wma");
+    const AudioMetadata written = makeFullRecord();
+    {
+        TagLib::ASF::File file(path.c_str());
+        ASSERT_TRUE(file.isValid());
+        written.fillOutASFTag(file.tag(), kEncodedBy, kComment);
+        ASSERT_TRUE(file.save());
+    }
+    TagLib::ASF::File file(path.c_str());
+    AudioMetadata read;
+    AudioMetadata::addInfoFromASFTag(file.tag(), read);
+    read.setAlbumArtwork(written.albumArtwork()); // pictures are not written to ASF
+    expectSameTagFields(read, written);
+    EXPECT_EQ(read.sourceEncodedWith(), kEncodedBy);
+
+    const auto tags = ffprobeTags(path);
+    EXPECT_EQ(tags.at("title"), kTitle);
+    EXPECT_EQ(tags.at("artist"), "Track Artist");
+    EXPECT_EQ(tags.at("album"), "Album");
+    EXPECT_EQ(tags.at("genre"), "Electronic");
+    EXPECT_EQ(tags.at("wm/year"), "1999");
+    EXPECT_EQ(tags.at("track"), "3");
+    EXPECT_EQ(tags.at("wm/tracktotal"), "12");
+    EXPECT_EQ(tags.at("disc"), "2/4");
+    EXPECT_EQ(tags.at("wm/disctotal"), "4");
+    EXPECT_EQ(tags.at("composer"), "Composer");
+    EXPECT_EQ(tags.at("album_artist"), "Album Artist");
+    EXPECT_EQ(tags.at("copyright"), "(C) 1999 Label");
+    EXPECT_EQ(tags.at("wm/contentgroupdescription"), "Grouping");
+    EXPECT_EQ(tags.at("wm/lyrics"), "la la la");
+    EXPECT_EQ(tags.at("wm/beatsperminute"), "128");
+    EXPECT_EQ(tags.at("wm/initialkey"), "Am");
+    EXPECT_EQ(tags.at("wm/isrc"), "USRC17607839");
+    EXPECT_EQ(tags.at("wm/iscompilation"), "1");
+    EXPECT_EQ(tags.at("encoded_by"), kEncodedBy);
+}
 
 // ---------------------------------------------------------------------------
 // Which names are removed and which are written
