@@ -841,105 +841,75 @@ std::unique_ptr<AudioMetadata> AudioMetadata::metadataFromWAVEFile(const std::st
 // ---------------------------------------------------------------------------
 // Lossless formats with APE and ID3 tags
 
-std::unique_ptr<AudioMetadata>
-AudioMetadata::metadataFromMonkeysAudioFile(const std::string& path) {
+namespace {
+
+// The Monkey's Audio, WavPack, Musepack and True Audio files share one shape:
+// stream facts, then their main tag (APE, or ID3v2 for True Audio), then
+// ID3v1, each tag taking only the fields still absent.
+template <typename File, typename FormatText, typename SampleSize>
+std::unique_ptr<AudioMetadata> readAPEFamilyFile(const std::string& path, const char* kind,
+                                                 FormatText formatText, SampleSize sampleSize) {
     auto metadata = std::make_unique<AudioMetadata>();
-    metadata->setSourceKind("Monkey's Audio");
-    TagLib::APE::File file(path.c_str(), true);
+    metadata->setSourceKind(kind);
+    File file(path.c_str(), true);
     if (!file.isValid())
         return metadata;
 
     if (const auto* properties = file.audioProperties()) {
-        metadata->setSourceFormat(stringWithFormat("APE v%d", properties->version()));
+        metadata->setSourceFormat(formatText(*properties));
         addAudioProperties(*metadata, properties, 1000);
-        metadata->setSourceSampleSize(properties->bitsPerSample());
+        metadata->setSourceSampleSize(sampleSize(*properties));
     }
     std::vector<std::string> kinds;
-    if (file.hasAPETag()) {
-        addInfoFromAPETag(file.APETag(), *metadata);
-        kinds.push_back(apeKind(file.APETag(), "APE Tag v%0.1f"));
+    if constexpr (requires { file.hasAPETag(); }) {
+        if (file.hasAPETag()) {
+            AudioMetadata::addInfoFromAPETag(file.APETag(), *metadata);
+            kinds.push_back(apeKind(file.APETag(), "APE Tag v%0.1f"));
+        }
+    } else {
+        if (file.hasID3v2Tag()) {
+            AudioMetadata::addInfoFromID3v2Tag(file.ID3v2Tag(), *metadata);
+            kinds.push_back(id3v2Kind(file.ID3v2Tag()));
+        }
     }
     if (file.hasID3v1Tag()) {
-        addInfoFromID3v1Tag(file.ID3v1Tag(), *metadata);
+        AudioMetadata::addInfoFromID3v1Tag(file.ID3v1Tag(), *metadata);
         kinds.push_back("ID3v1");
     }
     setTagKinds(*metadata, kinds);
     return metadata;
+}
+
+int64_t ownSampleSize(const auto& properties) { return properties.bitsPerSample(); }
+
+} // namespace
+
+std::unique_ptr<AudioMetadata>
+AudioMetadata::metadataFromMonkeysAudioFile(const std::string& path) {
+    return readAPEFamilyFile<TagLib::APE::File>(
+        path, "Monkey's Audio",
+        [](const auto& p) { return stringWithFormat("APE v%d", p.version()); },
+        [](const auto& p) { return ownSampleSize(p); });
 }
 
 std::unique_ptr<AudioMetadata> AudioMetadata::metadataFromTrueAudioFile(const std::string& path) {
-    auto metadata = std::make_unique<AudioMetadata>();
-    metadata->setSourceKind("True Audio");
-    TagLib::TrueAudio::File file(path.c_str(), true);
-    if (!file.isValid())
-        return metadata;
-
-    if (const auto* properties = file.audioProperties()) {
-        metadata->setSourceFormat(stringWithFormat("TTA v%d", properties->ttaVersion()));
-        addAudioProperties(*metadata, properties, 1000);
-        metadata->setSourceSampleSize(properties->bitsPerSample());
-    }
-    std::vector<std::string> kinds;
-    if (file.hasID3v2Tag()) {
-        addInfoFromID3v2Tag(file.ID3v2Tag(), *metadata);
-        kinds.push_back(id3v2Kind(file.ID3v2Tag()));
-    }
-    if (file.hasID3v1Tag()) {
-        addInfoFromID3v1Tag(file.ID3v1Tag(), *metadata);
-        kinds.push_back("ID3v1");
-    }
-    setTagKinds(*metadata, kinds);
-    return metadata;
+    return readAPEFamilyFile<TagLib::TrueAudio::File>(
+        path, "True Audio",
+        [](const auto& p) { return stringWithFormat("TTA v%d", p.ttaVersion()); },
+        [](const auto& p) { return ownSampleSize(p); });
 }
 
 std::unique_ptr<AudioMetadata> AudioMetadata::metadataFromWavPackFile(const std::string& path) {
-    auto metadata = std::make_unique<AudioMetadata>();
-    metadata->setSourceKind("WavPack");
-    TagLib::WavPack::File file(path.c_str(), true);
-    if (!file.isValid())
-        return metadata;
-
-    if (const auto* properties = file.audioProperties()) {
-        metadata->setSourceFormat(stringWithFormat("WavPack v%d", properties->version()));
-        addAudioProperties(*metadata, properties, 1000);
-        metadata->setSourceSampleSize(properties->bitsPerSample());
-    }
-    std::vector<std::string> kinds;
-    if (file.hasAPETag()) {
-        addInfoFromAPETag(file.APETag(), *metadata);
-        kinds.push_back(apeKind(file.APETag(), "APE Tag v%0.1f"));
-    }
-    if (file.hasID3v1Tag()) {
-        addInfoFromID3v1Tag(file.ID3v1Tag(), *metadata);
-        kinds.push_back("ID3v1");
-    }
-    setTagKinds(*metadata, kinds);
-    return metadata;
+    return readAPEFamilyFile<TagLib::WavPack::File>(
+        path, "WavPack", [](const auto& p) { return stringWithFormat("WavPack v%d", p.version()); },
+        [](const auto& p) { return ownSampleSize(p); });
 }
 
+// Musepack decodes to 16 bits whatever the encoder was given.
 std::unique_ptr<AudioMetadata> AudioMetadata::metadataFromMusepackFile(const std::string& path) {
-    auto metadata = std::make_unique<AudioMetadata>();
-    metadata->setSourceKind("Musepack");
-    TagLib::MPC::File file(path.c_str(), true);
-    if (!file.isValid())
-        return metadata;
-
-    if (const auto* properties = file.audioProperties()) {
-        metadata->setSourceFormat(stringWithFormat("MPC v%d", properties->mpcVersion()));
-        addAudioProperties(*metadata, properties, 1000);
-        metadata->setSourceSampleSize(16);
-    }
-    std::vector<std::string> kinds;
-    if (file.hasAPETag()) {
-        addInfoFromAPETag(file.APETag(), *metadata);
-        kinds.push_back(apeKind(file.APETag(), "APE Tag v%0.1f"));
-    }
-    if (file.hasID3v1Tag()) {
-        addInfoFromID3v1Tag(file.ID3v1Tag(), *metadata);
-        kinds.push_back("ID3v1");
-    }
-    setTagKinds(*metadata, kinds);
-    return metadata;
+    return readAPEFamilyFile<TagLib::MPC::File>(
+        path, "Musepack", [](const auto& p) { return stringWithFormat("MPC v%d", p.mpcVersion()); },
+        [](const auto&) { return int64_t(16); });
 }
 
 std::unique_ptr<AudioMetadata> AudioMetadata::metadataFromDSDFile(const std::string& path) {
