@@ -83,9 +83,6 @@ public:
     void setPersistsOutputFormats(bool value) { persistsOutputFormats_ = value; }
 
     int32_t overwriteExistingFilesHandling() const { return overwriteExistingFilesHandling_; }
-    void setOverwriteExistingFilesHandling(int32_t value) {
-        overwriteExistingFilesHandling_ = value;
-    }
     // The answer each batch starts with; the command line presets one when
     // nobody is there to ask.
     void setInitialOverwriteHandling(int32_t value) { initialOverwriteHandling_ = value; }
@@ -102,7 +99,6 @@ public:
 
     bool createdOutputPathsContains(const std::string& path) override;
     void addCreatedOutputPath(const std::string& path) override;
-    const std::vector<std::string>& createdOutputPaths() const { return createdOutputPaths_; }
     TaggingThread& taggingThread() override { return taggingThread_; }
 
 private:

@@ -56,17 +56,6 @@ bool MainRunLoop::runOne(std::unique_lock<std::mutex>& lock) {
     return true;
 }
 
-void MainRunLoop::run() {
-    std::unique_lock lock(mutex_);
-    mainThread_ = std::this_thread::get_id();
-    stopRequested_ = false;
-    while (!stopRequested_) {
-        if (!runOne(lock))
-            changed_.wait(lock, [this] { return stopRequested_ || !tasks_.empty(); });
-    }
-    stopRequested_ = false;
-}
-
 bool MainRunLoop::runUntil(const std::function<bool()>& done,
                            std::optional<std::chrono::milliseconds> timeout) {
     const bool hasDeadline = timeout.has_value();
@@ -93,14 +82,6 @@ bool MainRunLoop::runUntil(const std::function<bool()>& done,
             changed_.wait(lock, ready);
         }
     }
-}
-
-void MainRunLoop::stop() {
-    {
-        std::lock_guard lock(mutex_);
-        stopRequested_ = true;
-    }
-    changed_.notify_all();
 }
 
 void MainRunLoop::wake() {

@@ -3,7 +3,7 @@
 // that owns the controller's state, the lists, the counters and every question
 // to the user. Other threads hand work to it with perform().
 //
-// The thread that calls run() (or runUntil()) is the main thread from then on.
+// The thread that calls runUntil() is the main thread from then on.
 
 #include <chrono>
 #include <condition_variable>
@@ -26,14 +26,10 @@ public:
     // main thread itself, a waiting perform runs the task at once.
     void perform(Task task, bool waitUntilDone);
 
-    // Runs tasks until stop() is called.
-    void run();
     // Runs tasks until `done` returns true (checked after every task and when
     // woken) or the timeout passes; returns whether `done` became true.
     bool runUntil(const std::function<bool()>& done,
                   std::optional<std::chrono::milliseconds> timeout = std::nullopt);
-    // Makes run() return after the task in hand; safe from any thread.
-    void stop();
     // Wakes runUntil() so that it checks its condition again.
     void wake();
 
@@ -47,7 +43,6 @@ private:
     std::condition_variable changed_;
     std::deque<Task> tasks_;
     std::optional<std::thread::id> mainThread_;
-    bool stopRequested_ = false;
     uint64_t wakeups_ = 0;
 };
 
