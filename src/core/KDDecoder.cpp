@@ -7,6 +7,7 @@
 #include <mutex>
 #include <string_view>
 
+#include "core/FormatRegistry.h"
 #include "core/UtilityFunctions.h"
 #include "platform/ErrorLog.h"
 #include "platform/Exception.h"
@@ -16,106 +17,41 @@ namespace velvox {
 
 namespace {
 
-struct Registry {
-    std::mutex mutex;
-    std::map<std::string, KDDecoder::Constructor> constructors;
-};
-
-Registry& registry() {
-    static Registry r;
-    return r;
+std::unique_ptr<KDDecoder> decoderOfClass(const DecoderClass& decoderClass,
+                                          const std::string& path) {
+    std::unique_ptr<KDDecoder> decoder = decoderClass.make();
+    if (!decoder || !decoder->initWithFilename(path))
+        return nullptr;
+    return decoder;
 }
 
-struct ExtensionRow {
-    std::initializer_list<std::string_view> extensions;
-    const char* decoder; // null: chosen by Ogg content
-};
-
-// Tried in order; the first row that holds the extension wins.
-const std::array<ExtensionRow, 10>& extensionRows() {
-    static const std::array<ExtensionRow, 10> rows{{
-        {{"flac"}, "FLACDecoder"},
-        {{"ra", "rm", "rmf", "rmj", "mpg", "mpeg", "avi", "mov"}, "FFMPEGDecoder"},
-        {{"wma", "wmv", "asf"}, "FFMPEGDecoder"},
-        {{"ape"}, "MonkeysAudioDecoder"},
-        {{"mpc"}, "MusepackDecoder"},
-        {{"wv"}, "WavPackDecoder"},
-        {{"tta"}, "TrueAudioDecoder"},
-        {{"mod", "s3m", "xm",  "it",  "669", "amf", "ams", "dbm", "dmf", "dsm", "far",
-          "mdl", "med", "mtm", "okt", "ptm", "stm", "ult", "umx", "mt2", "psm", "abc"},
-         "ModDecoder"},
-        {{"dff", "dsf"}, "DSDDecoder"},
-        {{"ogg", "oga", "oggflac", "spx", "opus"}, nullptr},
-    }};
-    return rows;
+std::unique_ptr<KDDecoder> fallbackDecoder(const std::string& path) {
+    const std::vector<const DecoderClass*> chain = FormatRegistry::fallbackDecoders();
+    for (size_t i = 0; i < chain.size(); ++i) {
+        if (auto decoder = decoderOfClass(*chain[i], path))
+            return decoder;
+        if (i + 1 < chain.size())
+            ErrorLog::sharedController().logMessage(
+                "Failed To Create Core Audio Decoder.  Attempting To Fall Back To FFMPEG Decoder");
+    }
+    return nullptr;
 }
 
 } // namespace
 
 KDDecoder::~KDDecoder() = default;
 
-void KDDecoder::registerDecoderClass(const std::string& className, Constructor constructor) {
-    std::lock_guard lock(registry().mutex);
-    registry().constructors[className] = std::move(constructor);
-}
-
-bool KDDecoder::isDecoderClassRegistered(const std::string& className) {
-    std::lock_guard lock(registry().mutex);
-    return registry().constructors.count(className) != 0;
-}
-
-std::unique_ptr<KDDecoder> KDDecoder::decoderOfClass(const std::string& className,
-                                                     const std::string& path) {
-    Constructor constructor;
-    {
-        std::lock_guard lock(registry().mutex);
-        auto it = registry().constructors.find(className);
-        if (it != registry().constructors.end())
-            constructor = it->second;
-    }
-    if (!constructor) {
-        ErrorLog::sharedController().logMessage(
-            stringWithFormat("No Decoder Is Available For File: %@ (%@ is not part of this build)",
-                             path, className));
-        return nullptr;
-    }
-    std::unique_ptr<KDDecoder> decoder = constructor();
-    if (!decoder || !decoder->initWithFilename(path))
-        return nullptr;
-    return decoder;
-}
-
 std::unique_ptr<KDDecoder> KDDecoder::decoderWithFilename(const std::string& path) {
-    const std::string ext = lowercaseExtension(path);
-    for (const ExtensionRow& row : extensionRows()) {
-        if (std::find(row.extensions.begin(), row.extensions.end(), ext) == row.extensions.end())
-            continue;
-        if (row.decoder)
-            return decoderOfClass(row.decoder, path);
-        switch (oggStreamType(path)) {
-        case OggStreamTypeVorbis:
-            return decoderOfClass("OggVorbisDecoder", path);
-        case OggStreamTypeFLAC:
-            return decoderOfClass("OggFLACDecoder", path);
-        case OggStreamTypeSpeex:
-            return decoderOfClass("OggSpeexDecoder", path);
-        case OggStreamTypeOpus:
-            return decoderOfClass("OggOpusDecoder", path);
-        case OggStreamTypeInvalid:
-            VLX_ASSERT(false, "This Ogg File Does Not Appear To Be Valid.");
-            break;
-        case OggStreamTypeUnknown:
-            VLX_ASSERT(false, "The Ogg File's Data Format Is Unknown.");
-            break;
-        }
-        return nullptr;
+    const FormatRegistry::Match match = FormatRegistry::match(path);
+    if (match.isOgg) {
+        VLX_ASSERT(match.oggStreamType != OggStreamTypeInvalid,
+                   "This Ogg File Does Not Appear To Be Valid.");
+        VLX_ASSERT(match.entry != nullptr && match.entry->decoder != nullptr,
+                   "The Ogg File's Data Format Is Unknown.");
     }
-
-    if (auto decoder = decoderOfClass("CoreAudioDecoder", path))
-        return decoder;
-    ErrorLog::sharedController().logMessage(
-        "Failed To Create Core Audio Decoder.  Attempting To Fall Back To FFMPEG Decoder");
-    return decoderOfClass("FFMPEGDecoder", path);
+    if (match.entry && match.entry->decoder)
+        return decoderOfClass(*match.entry->decoder, path);
+    return fallbackDecoder(path);
 }
 
 bool KDDecoder::initWithFilename(const std::string& path) {

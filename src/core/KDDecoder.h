@@ -4,9 +4,10 @@
 // refilling its ring buffer through the subclass's fillPCMBuffer().
 //
 // Decoders are made by the factory decoderWithFilename(), which picks the
-// class by extension (and, for Ogg files, by content). Concrete classes live
-// in the decoders subsystem and register themselves by name, so this core
-// class does not depend on them.
+// class from the format registry by extension (and, for Ogg files, by
+// content). Concrete classes live in the decoders subsystem and reach the
+// factory through their registry rows, so this core class does not depend on
+// them.
 
 #include <atomic>
 #include <cstdint>
@@ -22,8 +23,6 @@ namespace velvox {
 
 class KDDecoder {
 public:
-    using Constructor = std::function<std::unique_ptr<KDDecoder>()>;
-
     KDDecoder() = default;
     virtual ~KDDecoder();
     KDDecoder(const KDDecoder&) = delete;
@@ -32,14 +31,6 @@ public:
     // The decoder for a file, or null (the reason is in the error log). Ogg
     // files that are not valid or of an unknown codec raise assertions.
     static std::unique_ptr<KDDecoder> decoderWithFilename(const std::string& path);
-
-    // Makes a class available to the factory under its name.
-    static void registerDecoderClass(const std::string& className, Constructor constructor);
-    static bool isDecoderClassRegistered(const std::string& className);
-    // Creates and initialises a decoder of a registered class; null when the
-    // class is not available or its initialiser failed.
-    static std::unique_ptr<KDDecoder> decoderOfClass(const std::string& className,
-                                                     const std::string& path);
 
     // Two-phase construction: a subclass calls this first and returns false
     // (after logging) when it cannot open its file.
