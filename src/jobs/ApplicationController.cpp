@@ -7,6 +7,7 @@
 
 #include <unistd.h>
 
+#include "core/FormatRegistry.h"
 #include "jobs/BatchUserInterface.h"
 #include "jobs/EncodeOperation.h"
 #include "jobs/EncoderSettings.h"
@@ -32,24 +33,6 @@ bool isHidden(const fs::path& path) {
 }
 
 } // namespace
-
-const std::vector<std::string>& ApplicationController::acceptedExtensions() {
-    static const std::vector<std::string> kExtensions = {
-        "mp3",  "flac", "ape",  "mpc",  "wv",  "ra",   "rm",   "rmf", "rmj",     "mpg",
-        "mpeg", "avi",  "mov",  "wma",  "wmv", "asf",  "ogg",  "oga", "oggflac", "spx",
-        "opus", "aif",  "aiff", "aifc", "wav", "wave", "m4a",  "m4b", "m4r",     "mp4",
-        "mp2",  "aac",  "aacp", "sd2",  "3ga", "3gp",  "3gpp", "3gs", "3g2",     "caf",
-        "snd",  "au",   "amr",  "sdir", "tta", "mod",  "s3m",  "xm",  "it",      "669",
-        "amf",  "ams",  "dbm",  "dmf",  "dsm", "far",  "mdl",  "med", "mtm",     "okt",
-        "ptm",  "stm",  "ult",  "umx",  "mt2", "psm",  "abc",  "dff", "dsf"};
-    return kExtensions;
-}
-
-bool ApplicationController::isAcceptedFile(const std::string& path) {
-    const std::string ext = lowercaseExtension(path);
-    const auto& accepted = acceptedExtensions();
-    return std::find(accepted.begin(), accepted.end(), ext) != accepted.end();
-}
 
 ApplicationController::ApplicationController() { loadEncoderSettings(); }
 
@@ -178,7 +161,7 @@ void ApplicationController::parseDroppedFiles(const std::vector<std::string>& pa
                         it.disable_recursion_pending();
                     continue;
                 }
-                if (it->is_regular_file(ec) && isAcceptedFile(it->path().string()))
+                if (it->is_regular_file(ec) && FormatRegistry::isAcceptedFile(it->path().string()))
                     files.push_back(it->path().string());
             }
             std::sort(files.begin(), files.end());
@@ -187,7 +170,7 @@ void ApplicationController::parseDroppedFiles(const std::vector<std::string>& pa
                     break;
                 add(file, dropped);
             }
-        } else if (isAcceptedFile(dropped)) {
+        } else if (FormatRegistry::isAcceptedFile(dropped)) {
             add(dropped, dropped);
         }
     }

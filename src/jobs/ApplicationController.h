@@ -37,10 +37,6 @@ public:
     static constexpr int kAlertSecondButtonReturn = 1001; // "Yes"
     static constexpr int kAlertThirdButtonReturn = 1002;  // "Skip"
 
-    // The input extensions intake accepts (lower case).
-    static const std::vector<std::string>& acceptedExtensions();
-    static bool isAcceptedFile(const std::string& path);
-
     // Loads the output formats from the saved preferences.
     ApplicationController();
     // Waits for the tagging thread; the batch must be over.

@@ -1,5 +1,8 @@
 #include "jobs/EncodeOperation.h"
 
+#include <cerrno>
+#include <cstring>
+
 #include <algorithm>
 #include <cctype>
 #include <filesystem>
@@ -31,54 +34,6 @@ std::string withExtension(const std::string& name, const std::string& extension)
 void logMessage(const std::string& message) { ErrorLog::sharedController().logMessage(message); }
 
 } // namespace
-
-namespace {
-
-struct EncoderRegistry {
-    std::mutex mutex;
-    std::map<int32_t, EncodeOperation::Factory> byType;
-    std::map<std::string, EncodeOperation::Factory> byUpdateKey;
-};
-
-EncoderRegistry& encoderRegistry() {
-    static EncoderRegistry registry;
-    return registry;
-}
-
-} // namespace
-
-void EncodeOperation::registerEncoderClass(int32_t encoderType, Factory factory) {
-    std::lock_guard lock(encoderRegistry().mutex);
-    encoderRegistry().byType[encoderType] = std::move(factory);
-}
-
-std::unique_ptr<EncodeOperation> EncodeOperation::encodeOperationForType(int32_t encoderType) {
-    Factory factory;
-    {
-        std::lock_guard lock(encoderRegistry().mutex);
-        auto it = encoderRegistry().byType.find(encoderType);
-        if (it != encoderRegistry().byType.end())
-            factory = it->second;
-    }
-    return factory ? factory() : nullptr;
-}
-
-void EncodeOperation::registerUpdateMetadataClass(const std::string& key, Factory factory) {
-    std::lock_guard lock(encoderRegistry().mutex);
-    encoderRegistry().byUpdateKey[key] = std::move(factory);
-}
-
-std::unique_ptr<EncodeOperation>
-EncodeOperation::updateMetadataOperationForKey(const std::string& key) {
-    Factory factory;
-    {
-        std::lock_guard lock(encoderRegistry().mutex);
-        auto it = encoderRegistry().byUpdateKey.find(key);
-        if (it != encoderRegistry().byUpdateKey.end())
-            factory = it->second;
-    }
-    return factory ? factory() : nullptr;
-}
 
 EncodeOperation::EncodeOperation() = default;
 
@@ -305,10 +260,37 @@ bool EncodeOperation::determineOutputPath() {
     } else {
         setOutFilePath(uniquePathForPath(path));
     }
+    // The number chosen now is only a preview: other jobs may take it before
+    // this one finishes, so the move claims a free name again from here.
+    outputBasePath_ = path;
     return true;
 }
 
 // ---- Moving the result into place ----
+
+std::optional<std::string> EncodeOperation::claimFreeName(const std::string& temp,
+                                                          const std::string& base,
+                                                          std::string& error) {
+    // The file is first brought into the output folder under a hidden name
+    // (a copy when the temporary folder is on another file system); the
+    // rename into a free name is then one step that never replaces.
+    const fs::path folder = fs::path(base).parent_path();
+    const fs::path staged = folder / ("." + fs::path(temp).filename().string() + ".part");
+    if (!FileManager::moveItem(temp, staged, error))
+        return std::nullopt;
+    for (unsigned long n = 1;; ++n) {
+        const std::string candidate = numberedPath(base, n);
+        int errorNumber = 0;
+        if (FileManager::renameNoReplace(staged, candidate, errorNumber))
+            return candidate;
+        if (errorNumber != EEXIST) {
+            error = std::strerror(errorNumber);
+            std::error_code ec;
+            fs::remove(staged, ec);
+            return std::nullopt;
+        }
+    }
+}
 
 void EncodeOperation::moveEncodedFileToOutputLocation() {
     const std::optional<std::string> temp = tempFilePath();
@@ -318,17 +300,20 @@ void EncodeOperation::moveEncodedFileToOutputLocation() {
         UserDefaults& defaults = UserDefaults::standardUserDefaults();
         ::chmod(temp->c_str(), 0644);
 
-        const std::string unique = uniquePathForPath(*out);
-        const fs::path folder = fs::path(unique).parent_path();
+        const fs::path folder = fs::path(*out).parent_path();
         std::string error;
         fs::create_directories(folder, ec);
         if (ec)
             error = ec.message();
-        if (!error.empty() || !FileManager::moveItem(*temp, unique, error)) {
+        std::optional<std::string> claimed;
+        if (error.empty())
+            claimed = claimFreeName(*temp, outputBasePath_.value_or(*out), error);
+        if (!claimed) {
             logMessage(stringWithFormat("Could Not Move Encoded File To Folder %@.  Error:%@",
                                         folder.filename().string(), error));
             success_ = false;
         } else {
+            const std::string unique = *claimed;
             std::string finalPath = unique;
             // Some writers (Sound Designer II) leave an AppleDouble companion
             // "._name" beside the file; it travels with it.

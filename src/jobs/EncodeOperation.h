@@ -33,18 +33,6 @@ public:
 
     virtual bool initWithFilePath(const std::string& inFilePath, const std::string& topLevelPath);
 
-    // ---- Which class encodes what ----
-    // The encoders sit above this subsystem, so they make themselves known
-    // here at start-up; the file job asks by encoder type, or by the word it
-    // uses for a file's own format when it only rewrites tags ("FLAC", "MP3",
-    // "CoreAudio", "MonkeysAudio", "TrueAudio", "OggVorbis", "OggFLAC",
-    // "OggSpeex", "OggOpus"). Unknown or unregistered answers null.
-    using Factory = std::function<std::unique_ptr<EncodeOperation>()>;
-    static void registerEncoderClass(int32_t encoderType, Factory factory);
-    static std::unique_ptr<EncodeOperation> encodeOperationForType(int32_t encoderType);
-    static void registerUpdateMetadataClass(const std::string& key, Factory factory);
-    static std::unique_ptr<EncodeOperation> updateMetadataOperationForKey(const std::string& key);
-
     // ---- The operation protocol ----
     // Runs main() on a new thread; an operation cancelled before it started
     // finishes at once and counts as successful.
@@ -119,6 +107,11 @@ protected:
     void onTaggingThread(const std::function<void()>& task);
 
 private:
+    // Operation thread: moves the temporary file into the first free name of
+    // base, "base 2", ... and answers it; nothing on failure (error set).
+    static std::optional<std::string> claimFreeName(const std::string& temp,
+                                                    const std::string& base, std::string& error);
+
     std::string inFilePath_;
     std::string topLevelPath_;
     mutable std::mutex mutex_; // guards the strings and the metadata below
@@ -139,6 +132,8 @@ private:
     std::atomic<bool> executing_ = false;
     std::atomic<bool> finished_ = false;
     std::atomic<bool> outputFileExistedBeforeEncode_ = false;
+    // The output path before any " 2" numbering (operation thread only).
+    std::optional<std::string> outputBasePath_;
 
     std::mutex threadMutex_;
     std::thread thread_;

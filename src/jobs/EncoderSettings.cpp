@@ -6,6 +6,8 @@
 
 #include <sndfile.h>
 
+#include "core/FormatRegistry.h"
+#include "jobs/EncoderDescriptor.h"
 #include "platform/CoreAudioTypes.h"
 #include "platform/StringFormat.h"
 
@@ -180,12 +182,25 @@ std::unique_ptr<EncoderSettings> EncoderSettings::copy() const {
     return c;
 }
 
-std::string EncoderSettings::outputFormatDescription() const {
-    switch (encoderType_) {
-    case EncoderTypeMP3:
-        return "MP3";
-    case EncoderTypeCoreAudio:
-        switch (fileType_) {
+// ---- The rules of each encoder type ----
+//
+// What an output format is called, how its settings read, and when two
+// formats would write the same file depend on the encoder type; each type's
+// rules sit in one row of the table below.
+
+struct EncoderSettingsRules {
+    using Text = std::string (*)(const EncoderSettings&);
+    using Same = bool (*)(const EncoderSettings&, const EncoderSettings&);
+    EncoderType type;
+    Text outputFormat;
+    Text encoding;
+    Same duplicate;
+
+    static const EncoderSettingsRules* forType(EncoderType type);
+
+    // ---- Output format names ----
+    static std::string coreAudioContainer(const EncoderSettings& s) {
+        switch (s.fileType_) {
         case fourCharCode("3gp2"):
             return "3GP2";
         case fourCharCode("3gpp"):
@@ -204,59 +219,45 @@ std::string EncoderSettings::outputFormatDescription() const {
             return "Core Audio Format";
         case fourCharCode("m4af"):
         case fourCharCode("mp4f"):
-            return formatID_ == kAudioFormatAppleLossless ? "Apple Lossless" : "AAC";
+            return s.formatID_ == kAudioFormatAppleLossless ? "Apple Lossless" : "AAC";
         default:
             return "";
         }
-    case EncoderTypeFLAC:
-        return "FLAC";
-    case EncoderTypeOggFLAC:
-        return "Ogg FLAC";
-    case EncoderTypeOggVorbis:
-        return "Ogg Vorbis";
-    case EncoderTypeSndFile:
-        return fileType_ == SF_FORMAT_SD2 ? "Sound Designer II" : "";
-    case EncoderTypeMonkeysAudio:
-        return "Monkeys Audio";
-    case EncoderTypeTrueAudio:
-        return "True Audio";
-    case EncoderTypeOggSpeex:
-        return "Ogg Speex";
-    case EncoderTypeOpus:
-        return "Opus";
     }
-    return "";
-}
+    static std::string sndFileContainer(const EncoderSettings& s) {
+        return s.fileType_ == SF_FORMAT_SD2 ? "Sound Designer II" : "";
+    }
 
-std::string EncoderSettings::encodingDescription() const {
-    const double kbps = double(bitrate_) * 0.001;
-    switch (encoderType_) {
-    case EncoderTypeMP3:
+    // ---- Encoding texts ----
+    static std::string mp3Encoding(const EncoderSettings& s) {
         // The MP3 bit rate is kept in kbit/s already.
-        if (bitrateMethod_ == BitrateMethodABR)
-            return stringWithFormat("%0.2f kbps ABR", double(bitrate_));
-        if (bitrateMethod_ == BitrateMethodVBR)
-            return stringWithFormat("VBR Quality %ld", long(vbrQuality_));
-        return stringWithFormat("%0.2f kbps CBR", double(bitrate_));
-    case EncoderTypeFLAC:
-    case EncoderTypeOggFLAC:
-        if (flacCompressionLevel_ <= 8)
-            return stringWithFormat("Compression Level %u", unsigned(flacCompressionLevel_));
+        if (s.bitrateMethod_ == BitrateMethodABR)
+            return stringWithFormat("%0.2f kbps ABR", double(s.bitrate_));
+        if (s.bitrateMethod_ == BitrateMethodVBR)
+            return stringWithFormat("VBR Quality %ld", long(s.vbrQuality_));
+        return stringWithFormat("%0.2f kbps CBR", double(s.bitrate_));
+    }
+    static std::string flacEncoding(const EncoderSettings& s) {
+        if (s.flacCompressionLevel_ <= 8)
+            return stringWithFormat("Compression Level %u", unsigned(s.flacCompressionLevel_));
         return "Uncompressed";
-    case EncoderTypeOggVorbis:
-    case EncoderTypeOggSpeex:
-        switch (bitrateMethod_) {
+    }
+    static std::string xiphEncoding(const EncoderSettings& s) {
+        const double kbps = double(s.bitrate_) * 0.001;
+        switch (s.bitrateMethod_) {
         case BitrateMethodCBR:
             return stringWithFormat("%0.0f kbps CBR", kbps);
         case BitrateMethodABR:
             return stringWithFormat("%0.0f kbps ABR", kbps);
         case BitrateMethodVBR:
-            return stringWithFormat("VBR Quality %ld", long(vbrQuality_));
+            return stringWithFormat("VBR Quality %ld", long(s.vbrQuality_));
         default:
             return "*Unknown Settings*";
         }
-    case EncoderTypeOpus:
-        switch (bitrateMethod_) {
+    }
+    static std::string opusEncoding(const EncoderSettings& s) {
+        const double kbps = double(s.bitrate_) * 0.001;
+        switch (s.bitrateMethod_) {
         case BitrateMethodCBR:
             return stringWithFormat("%0.0f kbps CBR", kbps);
         case BitrateMethodVBR:
@@ -266,62 +267,153 @@ std::string EncoderSettings::encodingDescription() const {
         default:
             return "*Unknown Settings*";
         }
-    case EncoderTypeMonkeysAudio:
-        return stringWithFormat("Compression Level %@", macLevelName(macCompressionLevel_));
-    case EncoderTypeTrueAudio:
-        return "TTA";
-    case EncoderTypeCoreAudio:
-    case EncoderTypeSndFile:
-        break;
-    default:
-        return "";
+    }
+    static std::string monkeysAudioEncoding(const EncoderSettings& s) {
+        return stringWithFormat("Compression Level %@", macLevelName(s.macCompressionLevel_));
+    }
+    // The platform containers describe their codec.
+    static std::string codecEncoding(const EncoderSettings& s) {
+        const double kbps = double(s.bitrate_) * 0.001;
+        switch (s.formatID_) {
+        case fourCharCode("aac "):
+            if (isMPEG4FileType(s.fileType_))
+                return stringWithFormat("%0.2f kbps", kbps);
+            return stringWithFormat("AAC %0.2f kbps", kbps);
+        case fourCharCode("aace"):
+            return "MPEG-4 AAC Enhanced Low Delay";
+        case fourCharCode("aacf"):
+            return "MPEG-4 AAC Enhanced Low Delay SBR";
+        case fourCharCode("aach"):
+            return "MPEG-4 High Efficiency AAC";
+        case fourCharCode("aacl"):
+            return "MPEG-4 AAC Low Delay";
+        case fourCharCode("aacp"):
+            return "MPEG-4 High Efficiency AAC Version 2";
+        case fourCharCode("alac"):
+            // Outside a CAF container the text is just the MPEG-4 extension;
+            // the container name already says Apple Lossless there.
+            return s.fileType_ == fourCharCode("caff") ? "Apple Lossless" : "m4a";
+        case fourCharCode("alaw"):
+            return "A-Law 2:1";
+        case fourCharCode("ulaw"):
+            return "μ-Law 2:1";
+        case fourCharCode("ima4"):
+            return "IMA 4:1";
+        case fourCharCode("ilbc"):
+            return "iLBC";
+        case fourCharCode("samr"):
+            return "AMR Narrowband";
+        case fourCharCode("Qclp"):
+            return "Qualcomm PureVoice™";
+        case fourCharCode("lpcm"): {
+            const char* endian = (s.formatFlags_ & kAudioFormatFlagIsBigEndian) ? "BE" : "LE";
+            const double kHz = double(s.sampleRate_) * 0.001;
+            if (s.bitDepth_ != 0 && s.sampleRate_ == 0)
+                return stringWithFormat("LPCM - %u bit %@", unsigned(s.bitDepth_), endian);
+            if (s.bitDepth_ != 0)
+                return stringWithFormat("LPCM - %.1fkHz %u bit %@", kHz, unsigned(s.bitDepth_),
+                                        endian);
+            if (s.sampleRate_ == 0)
+                return "LPCM";
+            return stringWithFormat("LPCM - %.1fkHz", kHz);
+        }
+        default:
+            return "";
+        }
     }
 
-    switch (formatID_) {
-    case fourCharCode("aac "):
-        if (isMPEG4FileType(fileType_))
-            return stringWithFormat("%0.2f kbps", kbps);
-        return stringWithFormat("AAC %0.2f kbps", kbps);
-    case fourCharCode("aace"):
-        return "MPEG-4 AAC Enhanced Low Delay";
-    case fourCharCode("aacf"):
-        return "MPEG-4 AAC Enhanced Low Delay SBR";
-    case fourCharCode("aach"):
-        return "MPEG-4 High Efficiency AAC";
-    case fourCharCode("aacl"):
-        return "MPEG-4 AAC Low Delay";
-    case fourCharCode("aacp"):
-        return "MPEG-4 High Efficiency AAC Version 2";
-    case fourCharCode("alac"):
-        // Outside a CAF container the text is just the MPEG-4 extension;
-        // the container name already says Apple Lossless there.
-        return fileType_ == fourCharCode("caff") ? "Apple Lossless" : "m4a";
-    case fourCharCode("alaw"):
-        return "A-Law 2:1";
-    case fourCharCode("ulaw"):
-        return "μ-Law 2:1";
-    case fourCharCode("ima4"):
-        return "IMA 4:1";
-    case fourCharCode("ilbc"):
-        return "iLBC";
-    case fourCharCode("samr"):
-        return "AMR Narrowband";
-    case fourCharCode("Qclp"):
-        return "Qualcomm PureVoice™";
-    case fourCharCode("lpcm"): {
-        const char* endian = (formatFlags_ & kAudioFormatFlagIsBigEndian) ? "BE" : "LE";
-        const double kHz = double(sampleRate_) * 0.001;
-        if (bitDepth_ != 0 && sampleRate_ == 0)
-            return stringWithFormat("LPCM - %u bit %@", unsigned(bitDepth_), endian);
-        if (bitDepth_ != 0)
-            return stringWithFormat("LPCM - %.1fkHz %u bit %@", kHz, unsigned(bitDepth_), endian);
-        if (sampleRate_ == 0)
-            return "LPCM";
-        return stringWithFormat("LPCM - %.1fkHz", kHz);
+    // ---- Duplicates ----
+    static bool mp3Same(const EncoderSettings& a, const EncoderSettings& b) {
+        return a.commonRateTestWith(b);
     }
-    default:
-        return "";
+    static bool flacSame(const EncoderSettings& a, const EncoderSettings& b) {
+        return a.flacCompressionLevel_ == b.flacCompressionLevel_ && a.extension_ == b.extension_ &&
+               a.sampleRate_ == b.sampleRate_ && a.bitDepth_ == b.bitDepth_ &&
+               a.channelMode_ == b.channelMode_;
     }
+    static bool vorbisSame(const EncoderSettings& a, const EncoderSettings& b) {
+        return a.bitrateMethod_ == b.bitrateMethod_ && a.sameRateAs(b) &&
+               a.extension_ == b.extension_;
+    }
+    static bool monkeysAudioSame(const EncoderSettings& a, const EncoderSettings& b) {
+        return a.macCompressionLevel_ == b.macCompressionLevel_ && a.sampleRate_ == b.sampleRate_ &&
+               a.bitDepth_ == b.bitDepth_;
+    }
+    static bool trueAudioSame(const EncoderSettings& a, const EncoderSettings& b) {
+        return a.sampleRate_ == b.sampleRate_ && a.bitDepth_ == b.bitDepth_;
+    }
+    static bool speexSame(const EncoderSettings& a, const EncoderSettings& b) {
+        return a.bitrateMethod_ == b.bitrateMethod_ && a.sameRateAs(b) &&
+               a.sampleRate_ == b.sampleRate_ && a.quality_ == b.quality_ &&
+               a.framesPerPacket_ == b.framesPerPacket_ &&
+               a.speexAdaptiveGainControl_ == b.speexAdaptiveGainControl_ &&
+               a.speexDenoise_ == b.speexDenoise_ &&
+               a.speexDiscontinuousTransmission_ == b.speexDiscontinuousTransmission_ &&
+               a.speexVoiceActivityDetection_ == b.speexVoiceActivityDetection_;
+    }
+    static bool opusSame(const EncoderSettings& a, const EncoderSettings& b) {
+        return a.bitrateMethod_ == b.bitrateMethod_ && a.bitrate_ == b.bitrate_ &&
+               a.sampleRate_ == b.sampleRate_ && a.quality_ == b.quality_ &&
+               a.channelMode_ == b.channelMode_ && a.formatTestWith(b);
+    }
+    static bool containerSame(const EncoderSettings& a, const EncoderSettings& b) {
+        return a.formatTestWith(b);
+    }
+};
+
+namespace {
+
+template <const char* Name>
+std::string fixed(const EncoderSettings&) {
+    return Name;
+}
+constexpr char kMP3[] = "MP3";
+constexpr char kFLAC[] = "FLAC";
+constexpr char kOggFLAC[] = "Ogg FLAC";
+constexpr char kOggVorbis[] = "Ogg Vorbis";
+constexpr char kMonkeysAudio[] = "Monkeys Audio";
+constexpr char kTrueAudio[] = "True Audio";
+constexpr char kTTA[] = "TTA";
+constexpr char kOggSpeex[] = "Ogg Speex";
+constexpr char kOpus[] = "Opus";
+
+using R = EncoderSettingsRules;
+const R kRules[] = {
+    {EncoderTypeMP3, fixed<kMP3>, R::mp3Encoding, R::mp3Same},
+    {EncoderTypeCoreAudio, R::coreAudioContainer, R::codecEncoding, R::containerSame},
+    {EncoderTypeFLAC, fixed<kFLAC>, R::flacEncoding, R::flacSame},
+    {EncoderTypeOggFLAC, fixed<kOggFLAC>, R::flacEncoding, R::flacSame},
+    {EncoderTypeOggVorbis, fixed<kOggVorbis>, R::xiphEncoding, R::vorbisSame},
+    {EncoderTypeSndFile, R::sndFileContainer, R::codecEncoding, R::containerSame},
+    {EncoderTypeMonkeysAudio, fixed<kMonkeysAudio>, R::monkeysAudioEncoding, R::monkeysAudioSame},
+    {EncoderTypeTrueAudio, fixed<kTrueAudio>, fixed<kTTA>, R::trueAudioSame},
+    {EncoderTypeOggSpeex, fixed<kOggSpeex>, R::xiphEncoding, R::speexSame},
+    {EncoderTypeOpus, fixed<kOpus>, R::opusEncoding, R::opusSame},
+};
+
+} // namespace
+
+const EncoderSettingsRules* EncoderSettingsRules::forType(EncoderType type) {
+    for (const EncoderSettingsRules& rules : kRules)
+        if (rules.type == type)
+            return &rules;
+    return nullptr;
+}
+
+std::string EncoderSettings::outputFormatDescription() const {
+    if (const EncoderSettingsRules* rules = EncoderSettingsRules::forType(encoderType_))
+        return rules->outputFormat(*this);
+    // An encoder outside the built-in types (a test's stand-in) is named by
+    // its registry row.
+    for (const FormatEntry* entry : *FormatRegistry::entries())
+        if (entry->encoder && entry->encoder->encoderType == encoderType_)
+            return entry->displayName;
+    return "";
+}
+
+std::string EncoderSettings::encodingDescription() const {
+    const EncoderSettingsRules* rules = EncoderSettingsRules::forType(encoderType_);
+    return rules ? rules->encoding(*this) : "";
 }
 
 std::string EncoderSettings::completeDescription() const {
@@ -402,40 +494,8 @@ bool EncoderSettings::formatTestWith(const EncoderSettings& other) const {
 bool EncoderSettings::isDuplicateOf(const EncoderSettings& other) const {
     if (encoderType_ != other.encoderType_)
         return false;
-    switch (encoderType_) {
-    case EncoderTypeMP3:
-        return commonRateTestWith(other);
-    case EncoderTypeFLAC:
-    case EncoderTypeOggFLAC:
-        return flacCompressionLevel_ == other.flacCompressionLevel_ &&
-               extension_ == other.extension_ && sampleRate_ == other.sampleRate_ &&
-               bitDepth_ == other.bitDepth_ && channelMode_ == other.channelMode_;
-    case EncoderTypeOggVorbis:
-        return bitrateMethod_ == other.bitrateMethod_ && sameRateAs(other) &&
-               extension_ == other.extension_;
-    case EncoderTypeMonkeysAudio:
-        return macCompressionLevel_ == other.macCompressionLevel_ &&
-               sampleRate_ == other.sampleRate_ && bitDepth_ == other.bitDepth_;
-    case EncoderTypeTrueAudio:
-        return sampleRate_ == other.sampleRate_ && bitDepth_ == other.bitDepth_;
-    case EncoderTypeOggSpeex:
-        return bitrateMethod_ == other.bitrateMethod_ && sameRateAs(other) &&
-               sampleRate_ == other.sampleRate_ && quality_ == other.quality_ &&
-               framesPerPacket_ == other.framesPerPacket_ &&
-               speexAdaptiveGainControl_ == other.speexAdaptiveGainControl_ &&
-               speexDenoise_ == other.speexDenoise_ &&
-               speexDiscontinuousTransmission_ == other.speexDiscontinuousTransmission_ &&
-               speexVoiceActivityDetection_ == other.speexVoiceActivityDetection_;
-    case EncoderTypeOpus:
-        return bitrateMethod_ == other.bitrateMethod_ && bitrate_ == other.bitrate_ &&
-               sampleRate_ == other.sampleRate_ && quality_ == other.quality_ &&
-               channelMode_ == other.channelMode_ && formatTestWith(other);
-    case EncoderTypeCoreAudio:
-    case EncoderTypeSndFile:
-        return formatTestWith(other);
-    default:
-        return true;
-    }
+    const EncoderSettingsRules* rules = EncoderSettingsRules::forType(encoderType_);
+    return rules ? rules->duplicate(*this, other) : true;
 }
 
 template <typename T, typename V>

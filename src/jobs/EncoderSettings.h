@@ -98,6 +98,8 @@ public:
     void setSpeexDiscontinuousTransmission(bool value) { speexDiscontinuousTransmission_ = value; }
 
 private:
+    friend struct EncoderSettingsRules;
+
     template <typename T, typename V>
     void storeAnnounced(T& field, V&& value);
 

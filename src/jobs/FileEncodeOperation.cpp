@@ -5,8 +5,10 @@
 #include <cctype>
 #include <filesystem>
 
+#include "core/FormatRegistry.h"
 #include "core/UtilityFunctions.h"
 #include "jobs/EncodeOperation.h"
+#include "jobs/EncoderDescriptor.h"
 #include "jobs/EncoderSettings.h"
 #include "jobs/FileEncodeOperationDelegate.h"
 #include "metadata/CoreAudioFileInfo.h"
@@ -25,44 +27,7 @@ namespace {
 
 void logMessage(const std::string& message) { ErrorLog::sharedController().logMessage(message); }
 
-// The word under which the encoder of a file's own format rewrites its tags.
-std::optional<std::string> updateMetadataKeyForFile(const std::string& path) {
-    const std::string ext = lowercaseExtension(path);
-    if (ext == "flac")
-        return "FLAC";
-    if (ext == "mp3")
-        return "MP3";
-    if (FileEncodeOperation::isCoreAudioContainerExtension(ext))
-        return "CoreAudio";
-    if (ext == "ape")
-        return "MonkeysAudio";
-    if (ext == "tta")
-        return "TrueAudio";
-    if (ext == "ogg" || ext == "oga" || ext == "oggflac" || ext == "spx" || ext == "opus") {
-        switch (oggStreamType(path)) {
-        case OggStreamTypeVorbis:
-            return "OggVorbis";
-        case OggStreamTypeFLAC:
-            return "OggFLAC";
-        case OggStreamTypeSpeex:
-            return "OggSpeex";
-        case OggStreamTypeOpus:
-            return "OggOpus";
-        default:
-            return std::nullopt;
-        }
-    }
-    return std::nullopt;
-}
-
 } // namespace
-
-bool FileEncodeOperation::isCoreAudioContainerExtension(const std::string& ext) {
-    static const std::array<const char*, 23> kExtensions = {
-        "aif", "aiff", "aifc", "wav",  "wave", "m4a", "m4b", "m4r", "mp4", "mp2", "aac", "aacp",
-        "sd2", "3ga",  "3gp",  "3gpp", "3gs",  "3g2", "caf", "snd", "au",  "amr", "sdir"};
-    return std::find(kExtensions.begin(), kExtensions.end(), ext) != kExtensions.end();
-}
 
 std::shared_ptr<FileEncodeOperation> FileEncodeOperation::create(const std::string& fullPath,
                                                                  const std::string& topLevelPath) {
@@ -208,7 +173,8 @@ void FileEncodeOperation::main() {
             continue;
         if (skipSameType && encodes &&
             inputExtension == lowercaseASCII(settings->extension().value_or(""))) {
-            if (!isCoreAudioContainerExtension(inputExtension) || isSameTypeAsInput(*settings)) {
+            const FormatEntry* family = FormatRegistry::match(inFilePath()).entry;
+            if (!family || !family->sameTypeByDataFormat || isSameTypeAsInput(*settings)) {
                 passedOverAsSkip = true;
                 continue;
             }
@@ -252,19 +218,18 @@ std::shared_ptr<EncodeOperation>
 FileEncodeOperation::operationFor(const EncoderSettings& settings) {
     std::unique_ptr<EncodeOperation> made;
     if (settings.encoderAction() == EncoderActionEncode) {
-        const int32_t type = settings.encoderType();
-        if (type < 0 || type > 9)
-            return nullptr;
-        made = EncodeOperation::encodeOperationForType(type);
+        if (const EncoderDescriptor* encoder = EncoderDescriptor::forType(settings.encoderType()))
+            made = encoder->make();
         if (!made) {
             logMessage(
                 stringWithFormat("Velvox Can Not Encode %@: No %@ Encoder Is Part Of This Build.",
                                  inputFileName(), settings.outputFormatDescription()));
         }
     } else {
-        const std::optional<std::string> key = updateMetadataKeyForFile(inFilePath());
-        if (key)
-            made = EncodeOperation::updateMetadataOperationForKey(*key);
+        // The encoder of the file's own format rewrites its tags.
+        const FormatEntry* family = FormatRegistry::match(inFilePath()).entry;
+        if (family && family->encoder)
+            made = family->encoder->make();
         if (!made) {
             logMessage(stringWithFormat("Velvox Can Not Write The Metadata Of %@: Its Format Has "
                                         "No Tag Writer In This Build.",

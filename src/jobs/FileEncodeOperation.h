@@ -45,10 +45,6 @@ public:
     // Makes the row ready to run again.
     void resetOperation();
 
-    // The input's extension says whether the platform file reader would open
-    // it as a container whose data format can be compared with an output's.
-    static bool isCoreAudioContainerExtension(const std::string& lowercaseExtension);
-
     // ---- Properties ----
     std::string inFilePath() const;
     const std::string& topLevelPath() const { return topLevelPath_; }

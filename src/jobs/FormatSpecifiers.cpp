@@ -442,19 +442,22 @@ std::string safeFilename(const std::string& name) {
     return out;
 }
 
-std::string uniquePathForPath(const std::string& path) {
+std::string numberedPath(const std::string& path, unsigned long number) {
     namespace fs = std::filesystem;
-    std::error_code ec;
-    if (!fs::exists(path, ec))
+    if (number < 2)
         return path;
     const fs::path original(path);
-    const fs::path folder = original.parent_path();
-    const std::string base = original.stem().string();
-    std::string extension = original.extension().string();
-    for (unsigned long n = 2;; ++n) {
-        const fs::path candidate = folder / (stringWithFormat("%@ %lu", base, n) + extension);
-        if (!fs::exists(candidate, ec))
-            return candidate.string();
+    return (original.parent_path() / (stringWithFormat("%@ %lu", original.stem().string(), number) +
+                                      original.extension().string()))
+        .string();
+}
+
+std::string uniquePathForPath(const std::string& path) {
+    std::error_code ec;
+    for (unsigned long n = 1;; ++n) {
+        const std::string candidate = numberedPath(path, n);
+        if (!std::filesystem::exists(candidate, ec))
+            return candidate;
     }
 }
 

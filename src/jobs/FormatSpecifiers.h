@@ -81,5 +81,7 @@ std::string safeFilename(const std::string& name);
 // The path itself when nothing is there yet, else the first free
 // "name 2.ext", "name 3.ext", ... in the same folder.
 std::string uniquePathForPath(const std::string& path);
+// The path's `number`th name in that sequence (1 is the path itself).
+std::string numberedPath(const std::string& path, unsigned long number);
 
 } // namespace velvox

@@ -8,6 +8,8 @@
 
 #include "metadata/AudioMetadata.h"
 
+#include "core/FormatRegistry.h"
+
 #include <algorithm>
 #include <cctype>
 #include <climits>
@@ -341,23 +343,6 @@ std::map<std::string, std::string> appleLoopsPairs(const std::vector<uint8_t>& i
     return pairs;
 }
 
-using Reader = std::unique_ptr<AudioMetadata> (*)(const std::string&);
-
-std::unique_ptr<AudioMetadata> readOggFile(const std::string& path) {
-    switch (oggStreamType(path)) {
-    case OggStreamTypeVorbis:
-        return AudioMetadata::metadataFromOggVorbisFile(path);
-    case OggStreamTypeFLAC:
-        return AudioMetadata::metadataFromOggFLACFile(path);
-    case OggStreamTypeSpeex:
-        return AudioMetadata::metadataFromOggSpeexFile(path);
-    case OggStreamTypeOpus:
-        return AudioMetadata::metadataFromOpusFile(path);
-    default:
-        return std::make_unique<AudioMetadata>();
-    }
-}
-
 void fillCoreAudioInfo(const CoreAudioFileInfo& info, AudioMetadata& metadata);
 void fillCoreAudioTags(const CoreAudioFileInfo& info, AudioMetadata& metadata);
 
@@ -370,34 +355,6 @@ std::unique_ptr<AudioMetadata> readCoreAudioFile(const std::string& path) {
         fillCoreAudioTags(*info, *metadata);
     }
     return metadata;
-}
-
-struct DispatchEntry {
-    std::vector<std::string_view> extensions;
-    Reader reader;
-};
-
-// Tested in this order; the first entry naming the extension wins.
-const std::vector<DispatchEntry>& dispatchTable() {
-    static const std::vector<DispatchEntry> table = {
-        {{"flac"}, &AudioMetadata::metadataFromFLACFile},
-        {{"wma"}, &AudioMetadata::metadataFromWMAFile},
-        {{"mp3"}, &AudioMetadata::metadataFromMP3File},
-        {{"mp4", "m4a", "aac"}, &AudioMetadata::metadataFromMP4File},
-        {{"ra", "rm", "rmf", "rmj"}, &AudioMetadata::metadataFromFFMPEGFile},
-        {{"aiff", "aif"}, &AudioMetadata::metadataFromAIFFFile},
-        {{"wave", "wav"}, &AudioMetadata::metadataFromWAVEFile},
-        {{"ape"}, &AudioMetadata::metadataFromMonkeysAudioFile},
-        {{"tta"}, &AudioMetadata::metadataFromTrueAudioFile},
-        {{"wv"}, &AudioMetadata::metadataFromWavPackFile},
-        {{"mpc"}, &AudioMetadata::metadataFromMusepackFile},
-        {{"mod", "s3m", "xm",  "it",  "669", "amf", "ams", "dbm", "dmf", "dsm", "far",
-          "mdl", "med", "mtm", "okt", "ptm", "stm", "ult", "umx", "mt2", "psm", "abc"},
-         &AudioMetadata::metadataFromModFile},
-        {{"dff", "dsf"}, &AudioMetadata::metadataFromDSDFile},
-        {{"ogg", "oga", "oggflac", "spx", "opus"}, &readOggFile},
-    };
-    return table;
 }
 
 // The facts every file has, a picture beside the source and the title from
@@ -490,16 +447,14 @@ void AudioMetadata::setFilenamePatternExpander(FilenamePatternExpander expander)
 std::unique_ptr<AudioMetadata> AudioMetadata::metadataFromFile(const std::string& path) {
     std::unique_ptr<AudioMetadata> metadata;
     try {
-        const std::string extension = lowercaseExtension(path);
-        Reader reader = &readCoreAudioFile;
-        for (const auto& entry : dispatchTable()) {
-            if (std::find(entry.extensions.begin(), entry.extensions.end(), extension) !=
-                entry.extensions.end()) {
-                reader = entry.reader;
-                break;
-            }
-        }
-        metadata = reader(path);
+        // The family's own reader; the container reader for families without
+        // one and for extensions no family claims. An Ogg file of an unknown
+        // codec gets no tags.
+        const FormatRegistry::Match family = FormatRegistry::match(path);
+        if (family.entry && family.entry->readMetadata)
+            metadata = family.entry->readMetadata(path);
+        else if (!family.isOgg)
+            metadata = readCoreAudioFile(path);
         if (!metadata)
             metadata = std::make_unique<AudioMetadata>();
         addCommonFacts(path, *metadata);

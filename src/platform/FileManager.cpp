@@ -1,6 +1,7 @@
 #include "platform/FileManager.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -62,6 +63,14 @@ bool FileManager::moveItem(const std::filesystem::path& from, const std::filesys
         return false;
     }
     return copyThenRemove(from, to, error);
+}
+
+bool FileManager::renameNoReplace(const std::filesystem::path& from,
+                                  const std::filesystem::path& to, int& errorNumber) {
+    if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0)
+        return true;
+    errorNumber = errno;
+    return false;
 }
 
 bool FileManager::trashItem(const std::filesystem::path& path, std::string& error) {

@@ -13,6 +13,11 @@ public:
     // original); the destination is replaced. Returns false with `error` set.
     static bool moveItem(const std::filesystem::path& from, const std::filesystem::path& to,
                          std::string& error);
+    // Renames within one file system without ever replacing: fails with
+    // EEXIST in `errorNumber` when `to` exists, so that two threads choosing
+    // the same free name cannot both have it.
+    static bool renameNoReplace(const std::filesystem::path& from, const std::filesystem::path& to,
+                                int& errorNumber);
     // Moves a file to the user's trash (freedesktop.org trash, through GIO).
     static bool trashItem(const std::filesystem::path& path, std::string& error);
     // Removes the marks browsers leave on downloaded files
