@@ -14,7 +14,7 @@
 #include <benchmark/benchmark.h>
 
 #include "core/KDDecoder.h"
-#include "decoders/DecoderRegistration.h"
+#include "formats/FormatTable.h"
 
 namespace {
 
@@ -76,7 +76,7 @@ void BM_VelvoxReadAudio(benchmark::State& state) {
         state.SkipWithError("could not make the fixture (sox and flac needed)");
         return;
     }
-    velvox::DecoderRegistration::registerAll();
+    velvox::FormatTable::installBuiltinFormats();
     std::vector<uint8_t> buffer(65536);
     for (auto _ : state) {
         auto decoder = velvox::KDDecoder::decoderWithFilename(path);

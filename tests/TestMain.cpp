@@ -6,8 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "decoders/DecoderRegistration.h"
-#include "encoders/EncoderRegistration.h"
+#include "formats/FormatTable.h"
 #include "platform/UserDefaults.h"
 
 int main(int argc, char** argv) {
@@ -20,8 +19,7 @@ int main(int argc, char** argv) {
     setenv("XDG_DATA_HOME", (root / "data").c_str(), 1);
     velvox::UserDefaults::resetStandardUserDefaults(root / "config/velvox/defaults.json");
 
-    velvox::DecoderRegistration::registerAll();
-    velvox::EncoderRegistration::registerAll();
+    velvox::FormatTable::installBuiltinFormats();
     testing::InitGoogleTest(&argc, argv);
     const int status = RUN_ALL_TESTS();
     std::error_code ec;

@@ -8,14 +8,14 @@
 #include <nlohmann/json.hpp>
 
 #include "Version.h"
+#include "cli/CodecsCommand.h"
 #include "cli/ConvertCommand.h"
 #include "cli/FormatsCommand.h"
 #include "cli/InfoCommand.h"
 #include "cli/NameCommand.h"
 #include "cli/ProbeCommand.h"
 #include "cli/TagCommand.h"
-#include "decoders/DecoderRegistration.h"
-#include "encoders/EncoderRegistration.h"
+#include "formats/FormatTable.h"
 #include "jobs/FormatSpecifiers.h"
 #include "platform/TaggingThread.h"
 #include "platform/UserDefaults.h"
@@ -47,8 +47,7 @@ bool applyVolatileSettings(const std::vector<std::string>& assignments, std::ost
 } // namespace
 
 int CommandLine::run(int argc, char** argv) {
-    DecoderRegistration::registerAll();
-    EncoderRegistration::registerAll();
+    FormatTable::installBuiltinFormats();
     // The metadata reader names picture files beside a source with a template.
     FormatSpecifiers::installAsFilenamePatternExpander();
 
@@ -70,6 +69,8 @@ int CommandLine::run(int argc, char** argv) {
     probe.addTo(app);
     FormatsCommand formats;
     formats.addTo(app);
+    CodecsCommand codecs;
+    codecs.addTo(app);
     InfoCommand info;
     info.addTo(app);
     NameCommand name;
@@ -92,6 +93,8 @@ int CommandLine::run(int argc, char** argv) {
         return probe.execute(std::cout, std::cerr);
     if (app.got_subcommand("formats"))
         return formats.execute(std::cout, std::cerr);
+    if (app.got_subcommand("codecs"))
+        return codecs.execute(std::cout);
     if (app.got_subcommand("convert"))
         return convert.execute(std::cout, std::cerr);
     if (app.got_subcommand("tag"))

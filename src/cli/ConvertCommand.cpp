@@ -11,6 +11,7 @@
 #include "cli/OutputFormatArgument.h"
 #include "jobs/ApplicationController.h"
 #include "jobs/EncodeOperation.h"
+#include "jobs/EncoderDescriptor.h"
 #include "jobs/EncoderSettings.h"
 #include "platform/UserDefaults.h"
 
@@ -145,11 +146,12 @@ int ConvertCommand::execute(std::ostream& out, std::ostream& err) const {
     for (const auto& settings : controller.encoderSettings()) {
         if (settings->encoderAction() != EncoderActionEncode || !settings->enabled())
             continue;
-        const int32_t type = settings->encoderType();
-        if (type >= 0 && type <= 9 && !EncodeOperation::encodeOperationForType(type)) {
-            err << "velvox convert: the output type '"
-                << OutputFormatArgument::typeNames().at(size_t(type))
-                << "' is not part of this build yet\n";
+        if (!EncoderDescriptor::forType(settings->encoderType())) {
+            std::string types;
+            for (const std::string& name : OutputFormatArgument::typeNames())
+                types += (types.empty() ? "" : ", ") + name;
+            err << "velvox convert: the output format '" << settings->completeDescription()
+                << "' needs an encoder this build does not have (it writes " << types << ")\n";
             return 2;
         }
     }

@@ -1,5 +1,7 @@
 #include "cli/InputPaths.h"
 
+#include "core/FormatRegistry.h"
+
 #include <filesystem>
 #include <ostream>
 #include <system_error>
@@ -25,7 +27,7 @@ InputPaths InputPaths::check(const std::vector<std::string>& arguments, std::ost
             ++result.rejected_;
         } else if (fs::is_directory(status)) {
             result.usable_.push_back(path);
-        } else if (!ApplicationController::isAcceptedFile(path)) {
+        } else if (!FormatRegistry::isAcceptedFile(path)) {
             err << "velvox: " << argument << ": not a format Velvox reads\n";
             ++result.rejected_;
         } else {

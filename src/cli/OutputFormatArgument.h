@@ -6,14 +6,12 @@
 // for example "flac:level=8", "mp3:method=cbr,bitrate=320",
 // "coreaudio:fileType=WAVE,bits=24" or "opus:bitrate=96k".
 //
-// TYPE names the encoder (mp3, coreaudio, flac, oggflac, vorbis, sndfile, ape,
-// tta, speex, opus). A key is either one of the keys under which the settings
-// are stored ("bitrate", "flacCompressionLevel", "method", ...), which sets that
-// field whatever the type, or a short alias where one is obvious ("level",
-// "rate", "bits", "channels", "ext", ...), which is accepted only by the types
-// it makes sense for. Keys and types are matched without regard to case.
-// Every key left out takes a value that makes a good file of that type, so
-// "flac" alone is a complete format.
+// TYPE is the FORMAT word of an encoder in the format registry ("flac",
+// "mp3", ...) or of one of its presets ("wav"). The keys are that encoder's
+// settings schema: a short word ("level", "rate", "bits") or the key under
+// which the value is stored ("flacCompressionLevel"). Keys and types are
+// matched without regard to case. Every key left out takes the schema's
+// default, so "flac" alone is a complete format.
 //
 // Values are checked against what the encoder of the type can take: a value
 // it would refuse or silently misread is a usage error here, before a batch
@@ -42,8 +40,8 @@ public:
     // for every key it leaves out. Throws UsageError.
     static std::unique_ptr<EncoderSettings> parse(const std::string& text);
 
-    // The TYPE words, in encoder-type order (0 to 9).
-    static const std::vector<std::string>& typeNames();
+    // The TYPE words of this build, in registry order.
+    static std::vector<std::string> typeNames();
 
     // A few lines for --help texts: the syntax, the types and the aliases.
     static std::string syntaxHelp();
