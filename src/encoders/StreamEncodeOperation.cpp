@@ -232,7 +232,12 @@ void StreamEncodeOperation::encodeFile(const std::string& formatDescription) {
     sourceSampleRate_ = outputSampleRate(inputFormat);
     chooseTargetChannels(inputFormat);
 
-    const uint32_t readSize = readBufferSize(inputFormat.mBitsPerChannel);
+    uint32_t readSize = readBufferSize(inputFormat.mBitsPerChannel);
+    // A sample size the codec cannot take as it stands is still converted
+    // when the user asked for one the codec does take.
+    if (readSize == 0 && readBufferSize(sourceBitsPerChannel_) != 0 && settings() &&
+        settings()->bitDepth() == sourceBitsPerChannel_)
+        readSize = kConvertedReadBufferSize;
     if (readSize == 0)
         throw Exception("IllegalInputException",
                         stringWithFormat(unsupportedSampleSizeText(), inputFormat.mBitsPerChannel));
@@ -369,12 +374,12 @@ void StreamEncodeOperation::encodeFile(const std::string& formatDescription) {
             if (isCancelled())
                 break;
             setCurrentFrame(totalFrames() - framesLeft);
-            const float percent = float(currentFrame()) / float(totalFrames()) * 100.0f;
-            setCurrentStatus(
-                stringWithFormat("Encoding %@ - %0.1f%%", formatDescription, double(percent)));
+            setCurrentStatus(progressText(formatDescription));
         }
         ++chunkCount;
     }
+    if (!isCancelled())
+        checkInputWasWhole(decoder);
 
     finishCodec();
     setSuccess(true);
@@ -388,6 +393,32 @@ void StreamEncodeOperation::encodeFile(const std::string& formatDescription) {
         setCurrentStatus(stringWithFormat("%@ - Writing Metadata", inputDisplayName()));
         onTaggingThread([this] { writeMetadata(); });
     }
+}
+
+void StreamEncodeOperation::checkInputWasWhole(const KDDecoder& decoder) const {
+    // A file that gives no audio, or less than it says it holds, is damaged:
+    // passing it off as converted would cost the user the difference.
+    const int64_t delivered = decoder.currentFrame();
+    VLX_ASSERT(delivered > 0, "The input holds no audio.");
+    if (decoder.totalFramesIsExact() && delivered < decoder.totalFrames())
+        VLX_ASSERT(false, "The input ended after %lld of %lld frames.", (long long)delivered,
+                   (long long)decoder.totalFrames());
+}
+
+std::string StreamEncodeOperation::progressText(const std::string& formatDescription) const {
+    if (totalFrames() > 0) {
+        const float percent = float(currentFrame()) / float(totalFrames()) * 100.0f;
+        return stringWithFormat("Encoding %@ - %0.1f%%", formatDescription, double(percent));
+    }
+    // A stream that does not say how long it is: the time encoded so far.
+    const uint64_t seconds =
+        sourceSampleRate_ > 0 ? uint64_t(double(currentFrame()) / sourceSampleRate_) : 0;
+    const std::string elapsed =
+        seconds >= 3600
+            ? stringWithFormat("%u:%02u:%02u", unsigned(seconds / 3600),
+                               unsigned(seconds / 60 % 60), unsigned(seconds % 60))
+            : stringWithFormat("%u:%02u", unsigned(seconds / 60), unsigned(seconds % 60));
+    return stringWithFormat("Encoding %@ - %@", formatDescription, elapsed);
 }
 
 void StreamEncodeOperation::moveToOutputLocation() {

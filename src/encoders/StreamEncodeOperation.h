@@ -94,6 +94,15 @@ protected:
     virtual std::string moveFailedText() const { return encodeFailedText(); }
 
 private:
+    // Read buffer bytes when the decoder's sample size is converted to an
+    // explicitly chosen one before the codec.
+    static constexpr uint32_t kConvertedReadBufferSize = 32768;
+
+    // Throws when the decoder delivered no frames or fewer than it announced
+    // as exact.
+    void checkInputWasWhole(const KDDecoder& decoder) const;
+    // "Encoding <format> - 12.5%", or the time encoded when the length is unknown.
+    std::string progressText(const std::string& formatDescription) const;
     // Steps of main(); each throws on failure.
     void encodeFile(const std::string& formatDescription);
     void moveToOutputLocation();
