@@ -347,6 +347,34 @@ TEST(ConvertCommand, OverwriteAnswersDoWhatTheySay) {
     EXPECT_EQ(box.temporaryLeftovers(), std::vector<std::string>{});
 }
 
+TEST(ConvertCommand, JobsFinishingTogetherNeverTakeTheSameNumber) {
+    // Eight sources of one name in eight folders, four at a time, into a
+    // folder that already holds the name: "X 2" to "X 9", each once.
+    CommandSandbox box;
+    std::string paths;
+    for (int i = 1; i <= 8; ++i) {
+        const std::string source = box.src("d" + std::to_string(i) + "/X.wav");
+        fs::create_directories(fs::path(source).parent_path());
+        ASSERT_NO_FATAL_FAILURE(makeSource(source, 44100, 16, 2, 4410, uint32_t(i)));
+        paths += " " + shellQuote(source);
+    }
+    std::vector<std::string> expected = {"X.flac"};
+    for (int n = 2; n <= 9; ++n)
+        expected.push_back("X " + std::to_string(n) + ".flac");
+    std::sort(expected.begin(), expected.end());
+    for (int run = 0; run < 20; ++run) {
+        SCOPED_TRACE("run " + std::to_string(run));
+        const std::string folder = box.out("run" + std::to_string(run));
+        fs::create_directories(folder);
+        writeFile(folder + "/X.flac", {'o', 'l', 'd', '\n'});
+        const Outcome r =
+            box.run("convert -f flac -j 4 --overwrite keep-both -o " + shellQuote(folder) + paths);
+        ASSERT_EQ(r.exitCode, 0) << r.out << r.err;
+        EXPECT_EQ(filesBelow(folder), expected);
+    }
+    EXPECT_EQ(box.temporaryLeftovers(), std::vector<std::string>{});
+}
+
 TEST(ConvertCommand, DeleteOriginalTrashesOnlySourcesThatConverted) {
     CommandSandbox box;
     const std::string good = box.src("good.wav");

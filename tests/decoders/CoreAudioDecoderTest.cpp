@@ -114,7 +114,8 @@ TEST(CoreAudioDecoderTest, WaveIntegerSamplesComeOutBitExactAtTheirOwnDepth) {
 
 TEST(CoreAudioDecoderTest, AppleLosslessDecodesToItsSourceSamples) {
     if (!haveTool("ffmpeg"))
-        GTEST_SKIP() << "ffmpeg is needed for the fixtures";
+        FAIL() << "ffmpeg is needed for the fixtures"
+               << " (scripts/setup.sh installs it)";
     TempDir dir;
     for (uint32_t bits : {16u, 24u}) {
         SCOPED_TRACE(testing::Message() << bits << " bits");
@@ -145,7 +146,8 @@ TEST(CoreAudioDecoderTest, AppleLosslessDecodesToItsSourceSamples) {
 
 TEST(CoreAudioDecoderTest, LossyFormatsDecodeTo16BitsLikeFfmpeg) {
     if (!haveTool("ffmpeg"))
-        GTEST_SKIP() << "ffmpeg is needed for the fixtures";
+        FAIL() << "ffmpeg is needed for the fixtures"
+               << " (scripts/setup.sh installs it)";
     TempDir dir;
     const uint32_t frames = 44100;
     writeWav(dir.file("src.wav"), makeSignal(frames, 2, 16, 11), 2, 44100, 16);
@@ -193,7 +195,8 @@ TEST(CoreAudioDecoderTest, LossyFormatsDecodeTo16BitsLikeFfmpeg) {
 
 TEST(CoreAudioDecoderTest, CutAndCorruptedFilesNeverCrashOrHang) {
     if (!haveTool("ffmpeg") || !haveTool("sox"))
-        GTEST_SKIP() << "sox and ffmpeg are needed for the fixtures";
+        FAIL() << "sox and ffmpeg are needed for the fixtures"
+               << " (scripts/setup.sh installs it)";
     TempDir dir;
     const uint32_t frames = 20000;
     writeWav(dir.file("src.wav"), makeSignal(frames, 2, 16, 13), 2, 44100, 16);

@@ -26,28 +26,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Points the temporary folder somewhere empty for one test, so that what an
-// operation leaves behind there can be seen.
-class PrivateTemporaryFolder {
-public:
-    PrivateTemporaryFolder() {
-        if (const char* old = std::getenv("TMPDIR"))
-            saved_ = old;
-        setenv("TMPDIR", dir_.path().c_str(), 1);
-    }
-    ~PrivateTemporaryFolder() {
-        if (saved_)
-            setenv("TMPDIR", saved_->c_str(), 1);
-        else
-            unsetenv("TMPDIR");
-    }
-    bool isEmpty() const { return fs::is_empty(dir_.path()); }
-
-private:
-    test::TempDir dir_;
-    std::optional<std::string> saved_;
-};
-
 // The word (letters, digits, underscores) after every occurrence of `key`.
 std::vector<std::string> valuesAfter(const std::string& text, const std::string& key) {
     std::vector<std::string> values;
@@ -91,7 +69,8 @@ protected:
     void SetUp() override {
         for (const char* tool : {"flac", "metaflac", "sox"})
             if (!test::haveTool(tool))
-                GTEST_SKIP() << tool << " is not installed";
+                FAIL() << tool << " is not installed"
+                       << " (scripts/setup.sh installs it)";
         prefs.set("outputSameAsSource", false);
         prefs.set("destinationDirectory", dir.file("out"));
         prefs.set("writeMetadata", true);

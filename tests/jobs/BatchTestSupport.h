@@ -16,10 +16,13 @@
 
 #include <nlohmann/json.hpp>
 
+#include "core/FormatRegistry.h"
 #include "core/UtilityFunctions.h"
+#include "formats/FormatTable.h"
 #include "jobs/ApplicationController.h"
 #include "jobs/BatchUserInterface.h"
 #include "jobs/EncodeOperation.h"
+#include "jobs/EncoderDescriptor.h"
 #include "jobs/EncoderSettings.h"
 #include "jobs/FileEncodeOperation.h"
 #include "platform/MainRunLoop.h"
@@ -116,20 +119,33 @@ public:
     }
 };
 
-// Encoder types the build has no encoder for yet stand in for the tests.
-constexpr EncoderType kGatedType = EncoderTypeMP3;
-constexpr EncoderType kSecondGatedType = EncoderTypeCoreAudio;
+// Two stand-in encoders, each one registry row, under types no real encoder
+// uses.
+constexpr EncoderType kGatedType = EncoderType(100);
+constexpr EncoderType kSecondGatedType = EncoderType(101);
+
+inline const EncoderDescriptor kGatedEncoder{.encoderType = kGatedType,
+                                             .formatName = "gated",
+                                             .className = "GatedOperation",
+                                             .make = makeEncoder<GatedOperation>};
+inline const EncoderDescriptor kSecondGatedEncoder{.encoderType = kSecondGatedType,
+                                                   .formatName = "gated2",
+                                                   .className = "GatedOperation",
+                                                   .make = makeEncoder<GatedOperation>};
+inline const FormatEntry kGatedFormat{
+    .name = "gated", .displayName = "Gated", .encoder = &kGatedEncoder};
+inline const FormatEntry kSecondGatedFormat{
+    .name = "gated2", .displayName = "Gated Two", .encoder = &kSecondGatedEncoder};
 
 class GatedEncoders {
 public:
     GatedEncoders() {
-        for (EncoderType type : {kGatedType, kSecondGatedType})
-            EncodeOperation::registerEncoderClass(
-                type, [] { return std::make_unique<GatedOperation>(); });
+        FormatRegistry::addEntry(&kGatedFormat);
+        FormatRegistry::addEntry(&kSecondGatedFormat);
     }
     ~GatedEncoders() {
-        for (EncoderType type : {kGatedType, kSecondGatedType})
-            EncodeOperation::registerEncoderClass(type, nullptr);
+        FormatRegistry::removeEntry(&kGatedFormat);
+        FormatRegistry::removeEntry(&kSecondGatedFormat);
     }
 };
 

@@ -220,7 +220,8 @@ private:
 
 TEST(TagWritingTest, XiphCommentRoundTripInFLAC) {
     if (!haveReferenceTools())
-        GTEST_SKIP() << "reference tools missing";
+        FAIL() << "reference tools missing"
+               << " (scripts/setup.sh installs it)";
     test::TempDir dir;
     const std::string path = makeAudioFile(dir, "out.flac");
     const AudioMetadata written = makeFullRecord();
@@ -284,7 +285,8 @@ class TagWritingID3v2Test : public ::testing::TestWithParam<ID3v2Case> {};
 
 TEST_P(TagWritingID3v2Test, RoundTripInMP3) {
     if (!haveReferenceTools())
-        GTEST_SKIP() << "reference tools missing";
+        FAIL() << "reference tools missing"
+               << " (scripts/setup.sh installs it)";
     DefaultTextEncodingGuard guard;
     const auto [majorVersion, encoding] = GetParam();
     test::TempDir dir;
@@ -346,7 +348,8 @@ INSTANTIATE_TEST_SUITE_P(TagWriting, TagWritingID3v2Test,
 
 TEST(TagWritingTest, APEAndID3v1RoundTripInMP3) {
     if (!haveReferenceTools())
-        GTEST_SKIP() << "reference tools missing";
+        FAIL() << "reference tools missing"
+               << " (scripts/setup.sh installs it)";
     test::TempDir dir;
     const std::string path = makeAudioFile(dir, "out.mp3");
     AudioMetadata written = makeFullRecord();
@@ -404,7 +407,8 @@ TEST(TagWritingTest, APEAndID3v1RoundTripInMP3) {
 
 TEST(TagWritingTest, MP4RoundTripInM4A) {
     if (!haveReferenceTools())
-        GTEST_SKIP() << "reference tools missing";
+        FAIL() << "reference tools missing"
+               << " (scripts/setup.sh installs it)";
     test::TempDir dir;
     const std::string path = makeAudioFile(dir, "out.m4a");
     AudioMetadata written = makeFullRecord();
@@ -445,7 +449,8 @@ TEST(TagWritingTest, MP4RoundTripInM4A) {
 
 TEST(TagWritingTest, ASFRoundTripInWMA) {
     if (!haveReferenceTools())
-        GTEST_SKIP() << "reference tools missing";
+        FAIL() << "reference tools missing"
+               << " (scripts/setup.sh installs it)";
     test::TempDir dir;
     const std::string path = makeAudioFile(dir, "out.wma");
     const AudioMetadata written = makeFullRecord();

@@ -3,7 +3,10 @@
 // thread and the set of created output paths, and preferences set for one
 // test only.
 
+#include <cstdlib>
+#include <filesystem>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -14,6 +17,7 @@
 #include "platform/MainRunLoop.h"
 #include "platform/TaggingThread.h"
 #include "platform/UserDefaults.h"
+#include "support/TestSupport.h"
 
 namespace velvox::test {
 
@@ -52,6 +56,28 @@ public:
 
 private:
     std::map<std::string, nlohmann::json> saved_;
+};
+
+// Points the temporary folder somewhere empty for one test, so that what an
+// operation leaves behind there can be seen.
+class PrivateTemporaryFolder {
+public:
+    PrivateTemporaryFolder() {
+        if (const char* old = std::getenv("TMPDIR"))
+            saved_ = old;
+        setenv("TMPDIR", dir_.path().c_str(), 1);
+    }
+    ~PrivateTemporaryFolder() {
+        if (saved_)
+            setenv("TMPDIR", saved_->c_str(), 1);
+        else
+            unsetenv("TMPDIR");
+    }
+    bool isEmpty() const { return std::filesystem::is_empty(dir_.path()); }
+
+private:
+    TempDir dir_;
+    std::optional<std::string> saved_;
 };
 
 } // namespace velvox::test

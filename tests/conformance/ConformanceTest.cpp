@@ -1,0 +1,418 @@
+// Every encoder of the format registry over every sample size, layout and
+// rate the pipeline carries, checked with the row's own independent decoder:
+// lossless outputs bit for bit (or within one step of the sample size asked
+// for), lossy ones by length and level; tags and the picture reopened by
+// mutagen; a cancel half way leaves nothing. A codec joins by its row.
+
+#include <algorithm>
+#include <cmath>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <sndfile.h>
+
+#include "conformance/ConformanceStandIns.h"
+#include "core/FormatRegistry.h"
+#include "encoders/EncoderTestHarness.h"
+#include "jobs/EncoderDescriptor.h"
+#include "jobs/EncoderSettings.h"
+#include "metadata/AlbumArtwork.h"
+#include "metadata/AudioMetadata.h"
+#include "metadata/MetadataFixtures.h"
+#include "support/JobsTestSupport.h"
+#include "support/TestSupport.h"
+
+using namespace velvox;
+namespace fs = std::filesystem;
+
+namespace {
+
+// ---- PCM files through libsndfile (independent of Velvox's readers) ----
+
+struct PCM {
+    uint32_t channels = 0;
+    uint32_t rate = 0;
+    // Left-justified 32-bit samples, interleaved.
+    std::vector<int32_t> samples;
+    size_t frames() const { return channels ? samples.size() / channels : 0; }
+};
+
+struct SndfileCloser {
+    void operator()(SNDFILE* f) const { sf_close(f); }
+};
+
+PCM readPCM(const std::string& path) {
+    PCM pcm;
+    SF_INFO info{};
+    std::unique_ptr<SNDFILE, SndfileCloser> file(sf_open(path.c_str(), SFM_READ, &info));
+    if (!file)
+        return pcm;
+    pcm.channels = uint32_t(info.channels);
+    pcm.rate = uint32_t(info.samplerate);
+    const size_t count = size_t(info.frames) * size_t(info.channels);
+    const int subtype = info.format & SF_FORMAT_SUBMASK;
+    if (subtype == SF_FORMAT_FLOAT || subtype == SF_FORMAT_DOUBLE) {
+        // Full scale is 2^31, as the decoders deliver float sources.
+        std::vector<double> values(count);
+        values.resize(size_t(sf_readf_double(file.get(), values.data(), info.frames)) *
+                      size_t(info.channels));
+        for (double v : values)
+            pcm.samples.push_back(int32_t(std::clamp(std::nearbyint(v * 2147483648.0),
+                                                     -2147483648.0, 2147483647.0)));
+        return pcm;
+    }
+    pcm.samples.resize(count);
+    pcm.samples.resize(size_t(sf_readf_int(file.get(), pcm.samples.data(), info.frames)) *
+                       size_t(info.channels));
+    return pcm;
+}
+
+struct Source {
+    const char* name;
+    uint32_t bits; // 32 with isFloat: 32-bit float
+    bool isFloat;
+    uint32_t channels;
+    uint32_t rate;
+    uint32_t frames;
+};
+
+int sndfileSubtype(const Source& s) {
+    if (s.isFloat)
+        return SF_FORMAT_FLOAT;
+    switch (s.bits) {
+    case 8:
+        return SF_FORMAT_PCM_U8;
+    case 16:
+        return SF_FORMAT_PCM_16;
+    case 24:
+        return SF_FORMAT_PCM_24;
+    default:
+        return SF_FORMAT_PCM_32;
+    }
+}
+
+// Per channel a sine of its own frequency at half scale, so that swapped or
+// dropped channels show.
+std::vector<double> tones(const Source& s) {
+    std::vector<double> out(size_t(s.frames) * s.channels);
+    for (uint32_t i = 0; i < s.frames; ++i)
+        for (uint32_t c = 0; c < s.channels; ++c)
+            out[size_t(i) * s.channels + c] =
+                0.5 * std::sin(2 * M_PI * 220.0 * (c + 1) * i / s.rate + c);
+    return out;
+}
+
+void writeSource(const std::string& path, const Source& s) {
+    SF_INFO info{};
+    info.channels = int(s.channels);
+    info.samplerate = int(s.rate);
+    info.format = SF_FORMAT_WAV | sndfileSubtype(s);
+    std::unique_ptr<SNDFILE, SndfileCloser> file(sf_open(path.c_str(), SFM_WRITE, &info));
+    ASSERT_TRUE(file) << sf_strerror(nullptr);
+    if (s.channels == 6 || s.channels == 8) {
+        std::vector<int> map = {SF_CHANNEL_MAP_LEFT, SF_CHANNEL_MAP_RIGHT, SF_CHANNEL_MAP_CENTER,
+                                SF_CHANNEL_MAP_LFE};
+        if (s.channels == 8)
+            map.insert(map.end(), {SF_CHANNEL_MAP_REAR_LEFT, SF_CHANNEL_MAP_REAR_RIGHT,
+                                   SF_CHANNEL_MAP_SIDE_LEFT, SF_CHANNEL_MAP_SIDE_RIGHT});
+        else
+            map.insert(map.end(), {SF_CHANNEL_MAP_REAR_LEFT, SF_CHANNEL_MAP_REAR_RIGHT});
+        sf_command(file.get(), SFC_SET_CHANNEL_MAP_INFO, map.data(), int(map.size() * sizeof(int)));
+    }
+    const std::vector<double> samples = tones(s);
+    if (!samples.empty())
+        ASSERT_EQ(sf_writef_double(file.get(), samples.data(), s.frames), sf_count_t(s.frames));
+}
+
+// ---- The suite ----
+
+class Conformance : public ::testing::Test {
+protected:
+    void SetUp() override {
+        FormatRegistry::addEntry(&test::kStandInFormat);
+        FormatRegistry::addEntry(&test::kRawStreamFormat);
+        prefs.set("outputSameAsSource", false);
+        prefs.set("destinationDirectory", dir.file("out"));
+        prefs.set("writeMetadata", true);
+        prefs.set("writeEncodedByMetadataTag", false);
+        prefs.set("writeFormatStringToComments", false);
+        prefs.set("saveAlbumArtworkToFile", false);
+        prefs.set("overwriteOutputFiles", false);
+        prefs.set("useCustomNamingScheme", false);
+        prefs.set("preserveInputFileDirectoryStructure", false);
+    }
+    void TearDown() override {
+        FormatRegistry::removeEntry(&test::kStandInFormat);
+        FormatRegistry::removeEntry(&test::kRawStreamFormat);
+    }
+
+    struct Outcome {
+        bool success = false;
+        std::string output; // empty when nothing was left at an output path
+    };
+
+    Outcome encode(const EncoderDescriptor& encoder, const std::string& in,
+                   const nlohmann::json& overrides = nlohmann::json::object(),
+                   std::shared_ptr<AudioMetadata> metadata = std::make_shared<AudioMetadata>()) {
+        nlohmann::json dictionary = encoder.defaultDictionary(nullptr);
+        for (const auto& [key, value] : overrides.items())
+            dictionary[key] = value;
+        std::shared_ptr<EncoderSettings> settings =
+            EncoderSettings::settingsWithDictionary(dictionary);
+        fs::remove_all(dir.file("out"));
+        std::unique_ptr<EncodeOperation> op = encoder.make();
+        op->initWithFilePath(in, in);
+        op->setSettings(settings);
+        op->setDelegate(&batch);
+        op->setMetadata(std::move(metadata));
+        test::runToEnd(*op);
+        Outcome outcome{op->success(), ""};
+        std::error_code ec;
+        for (const auto& entry : fs::recursive_directory_iterator(dir.file("out"), ec))
+            if (entry.is_regular_file() && entry.path().filename().string()[0] != '.')
+                outcome.output = entry.path().string();
+        return outcome;
+    }
+
+    // The output as the row's reference tool decodes it.
+    PCM referenceDecode(const EncoderDescriptor& encoder, const std::string& path) {
+        const std::string wav = dir.file("reference.wav");
+        fs::remove(wav);
+        std::string command;
+        for (std::string arg : encoder.reference.argv) {
+            if (arg == "{in}")
+                arg = path;
+            else if (arg == "{out}")
+                arg = wav;
+            command += test::shellQuote(arg) + " ";
+        }
+        const auto result = test::runCommand(command + ">/dev/null");
+        EXPECT_EQ(result.exitCode, 0) << command;
+        return readPCM(wav);
+    }
+
+    // Whether the encoder takes the source's samples without a conversion.
+    // Float sources reach the encoders as 32-bit integers.
+    static bool takes(const EncoderDescriptor& encoder, const Source& s) {
+        const auto& depths = encoder.samples.bitDepths;
+        return std::find(depths.begin(), depths.end(), s.bits) != depths.end();
+    }
+
+    void checkLossless(const PCM& source, const PCM& decoded, uint32_t outputBits) {
+        ASSERT_EQ(decoded.channels, source.channels);
+        ASSERT_EQ(decoded.frames(), source.frames());
+        // One step of the output's sample size, in left-justified units.
+        const int64_t step = outputBits >= 32 ? 1 : int64_t(1) << (32 - outputBits);
+        size_t worst = 0;
+        int64_t worstDiff = 0;
+        for (size_t i = 0; i < source.samples.size(); ++i) {
+            const int64_t diff = std::llabs(int64_t(decoded.samples[i]) - source.samples[i]);
+            if (diff > worstDiff) {
+                worstDiff = diff;
+                worst = i;
+            }
+        }
+        // Float sources pass one rounding to 32 bits on the way.
+        EXPECT_LE(worstDiff, outputBits < 32 ? step / 2 : 1)
+            << "sample " << worst << " of " << source.samples.size();
+    }
+
+    void checkLossy(const PCM& source, const PCM& decoded) {
+        ASSERT_GT(decoded.channels, 0u);
+        const double expected = double(source.frames()) * decoded.rate / source.rate;
+        // Within one codec frame (at most 2048 samples in the formats here).
+        EXPECT_NEAR(double(decoded.frames()), expected, 2048.0);
+        if (decoded.channels != source.channels || source.frames() < 4096)
+            return;
+        // Close in content: every channel's level within 3 dB.
+        for (uint32_t c = 0; c < source.channels; ++c) {
+            double a = 0, b = 0;
+            for (size_t i = c; i < source.samples.size(); i += source.channels)
+                a += std::pow(double(source.samples[i]), 2);
+            for (size_t i = c; i < decoded.samples.size(); i += decoded.channels)
+                b += std::pow(double(decoded.samples[i]), 2);
+            const double ratio = 10 * std::log10((b / decoded.frames()) / (a / source.frames()));
+            EXPECT_NEAR(ratio, 0.0, 3.0) << "channel " << c;
+        }
+    }
+
+    // Encodes one source and checks the result; sources the encoder cannot
+    // take as they stand are refused, then converted when asked.
+    void run(const EncoderDescriptor& encoder, const Source& s) {
+        SCOPED_TRACE(std::string(encoder.formatName) + " <- " + s.name);
+        const std::string in = dir.file(std::string(s.name) + ".wav");
+        writeSource(in, s);
+        const PCM source = readPCM(in);
+        test::PrivateTemporaryFolder tmp;
+
+        nlohmann::json overrides = nlohmann::json::object();
+        uint32_t outputBits = s.bits;
+        if (!takes(encoder, s)) {
+            const Outcome refused = encode(encoder, in);
+            EXPECT_FALSE(refused.success);
+            EXPECT_EQ(refused.output, "") << "a refused encode left a file behind";
+            if (encoder.samples.bitDepths.empty() || !encoder.settingNamed("bits"))
+                return;
+            outputBits = encoder.samples.bitDepths.back();
+            overrides["bitDepth"] = outputBits;
+        }
+        const Outcome done = encode(encoder, in, overrides);
+        const bool tooManyChannels = s.channels > encoder.samples.maximumChannels;
+        if (tooManyChannels && !done.success) {
+            EXPECT_EQ(done.output, "");
+            EXPECT_TRUE(tmp.isEmpty());
+            return;
+        }
+        ASSERT_TRUE(done.success);
+        ASSERT_NE(done.output, "");
+        EXPECT_TRUE(tmp.isEmpty()) << "temporary files left behind";
+        const PCM decoded = referenceDecode(encoder, done.output);
+        if (encoder.reference.lossless && !tooManyChannels)
+            checkLossless(source, decoded, outputBits);
+        else
+            checkLossy(source, decoded);
+    }
+
+    test::Preferences prefs;
+    test::TempDir dir;
+    test::Batch batch;
+};
+
+const std::vector<Source>& sources() {
+    static const std::vector<Source> list = {
+        {"u8-stereo-44k", 8, false, 2, 44100, 22050},
+        {"s16-stereo-44k", 16, false, 2, 44100, 22050},
+        {"s24-stereo-48k", 24, false, 2, 48000, 24000},
+        {"s32-stereo-48k", 32, false, 2, 48000, 24000},
+        {"f32-stereo-44k", 32, true, 2, 44100, 22050},
+        {"s16-mono-8k", 16, false, 1, 8000, 8000},
+        {"s24-5.1-96k", 24, false, 6, 96000, 48000},
+        {"s16-7.1-48k", 16, false, 8, 48000, 24000},
+        {"s24-stereo-192k", 24, false, 2, 192000, 96000},
+        {"s16-one-frame", 16, false, 2, 44100, 1},
+    };
+    return list;
+}
+
+} // namespace
+
+TEST_F(Conformance, EverySampleSizeLayoutAndRate) {
+    const auto encoders = EncoderDescriptor::all();
+    ASSERT_GE(encoders.size(), 2u); // FLAC and the stand-in at least
+    for (const EncoderDescriptor* encoder : encoders)
+        for (const Source& s : sources())
+            run(*encoder, s);
+}
+
+TEST_F(Conformance, AnEmptyInputFailsAndLeavesNothing) {
+    // A file that holds no audio at all is not a conversion.
+    const std::string in = dir.file("empty.wav");
+    writeSource(in, {"empty", 16, false, 2, 44100, 0});
+    for (const EncoderDescriptor* encoder : EncoderDescriptor::all()) {
+        SCOPED_TRACE(encoder->formatName);
+        test::PrivateTemporaryFolder tmp;
+        const Outcome outcome = encode(*encoder, in);
+        EXPECT_FALSE(outcome.success);
+        EXPECT_EQ(outcome.output, "");
+        EXPECT_TRUE(tmp.isEmpty());
+    }
+}
+
+TEST_F(Conformance, AnInputOfUnknownLengthEncodesWhole) {
+    const Source s{"stream", 16, false, 2, 44100, 30000};
+    const std::string wav = dir.file("stream.wav");
+    writeSource(wav, s);
+    const PCM source = readPCM(wav);
+    std::vector<uint8_t> pcm;
+    for (int32_t v : source.samples) {
+        pcm.push_back(uint8_t(uint32_t(v) >> 16));
+        pcm.push_back(uint8_t(uint32_t(v) >> 24));
+    }
+    const std::string in = dir.file("stream.vlxraw");
+    test::writeRawStream(in, 2, 16, 44100, pcm);
+    for (const EncoderDescriptor* encoder : EncoderDescriptor::all()) {
+        SCOPED_TRACE(encoder->formatName);
+        const Outcome done = encode(*encoder, in);
+        ASSERT_TRUE(done.success);
+        const PCM decoded = referenceDecode(*encoder, done.output);
+        if (encoder->reference.lossless)
+            checkLossless(source, decoded, 16);
+        else
+            checkLossy(source, decoded);
+    }
+}
+
+TEST_F(Conformance, TagsAndPictureReachEveryTaggedOutput) {
+    const std::string in = dir.file("tagged.wav");
+    writeSource(in, {"tagged", 16, false, 2, 44100, 8820});
+    auto metadata = std::make_shared<AudioMetadata>();
+    metadata->setTrackTitle("Conformance Title");
+    metadata->setTrackArtist("Velvox Tester");
+    auto picture = std::make_shared<AlbumArtwork>();
+    picture->setData(test::pngBytes(16, 12));
+    metadata->setAlbumArtwork(picture);
+    for (const EncoderDescriptor* encoder : EncoderDescriptor::all()) {
+        if (encoder->tagKinds.empty())
+            continue;
+        SCOPED_TRACE(encoder->formatName);
+        const Outcome done = encode(*encoder, in, nlohmann::json::object(), metadata);
+        ASSERT_TRUE(done.success);
+        // mutagen reads every tag kind the encoders write; the picture
+        // wherever the kind has a place for one.
+        const auto r = test::runCommand(
+            "/usr/bin/python3 -c '\n"
+            "import sys, mutagen\n"
+            "f = mutagen.File(sys.argv[1])\n"
+            "t = f.tags or {}\n"
+            "keys = {k.lower(): k for k in t.keys()}\n"
+            "def text(*names):\n"
+            "    for n in names:\n"
+            "        if n.lower() in keys:\n"
+            "            v = t[keys[n.lower()]]\n"
+            "            v = v.text if hasattr(v, \"text\") else v\n"
+            "            return str(v[0] if isinstance(v, list) else v)\n"
+            "    return \"\"\n"
+            "pics = len(getattr(f, \"pictures\", [])) + sum(1 for k in keys if "
+            "k.startswith(\"apic\") "
+            "or k in (\"covr\", \"metadata_block_picture\", \"cover art (front)\"))\n"
+            "print(text(\"title\", \"TIT2\", \"\\xa9nam\"), text(\"artist\", \"TPE1\", "
+            "\"\\xa9ART\"), "
+            "pics, sep=\"|\")\n"
+            "' " +
+            test::shellQuote(done.output));
+        ASSERT_EQ(r.exitCode, 0);
+        EXPECT_EQ(r.output, "Conformance Title|Velvox Tester|1\n");
+    }
+}
+
+TEST_F(Conformance, CancellingHalfWayLeavesNothing) {
+    const std::string in = dir.file("long.wav");
+    writeSource(in, {"long", 16, false, 2, 44100, 44100 * 60});
+    for (const EncoderDescriptor* encoder : EncoderDescriptor::all()) {
+        SCOPED_TRACE(encoder->formatName);
+        test::PrivateTemporaryFolder tmp;
+        fs::remove_all(dir.file("out"));
+        std::shared_ptr<EncoderSettings> settings =
+            EncoderSettings::settingsWithDictionary(encoder->defaultDictionary(nullptr));
+        std::unique_ptr<EncodeOperation> op = encoder->make();
+        op->initWithFilePath(in, in);
+        op->setSettings(settings);
+        op->setDelegate(&batch);
+        op->setMetadata(std::make_shared<AudioMetadata>());
+        // Cancel as soon as the first progress arrives.
+        const uint64_t token = op->addObserver(
+            "currentFrame", [&](Observable&, const std::string&, Observable::ChangePhase) {
+                if (op->currentFrame() > 0)
+                    op->cancel();
+            });
+        test::runToEnd(*op);
+        op->removeObserver(token);
+        EXPECT_TRUE(op->isCancelled());
+        EXPECT_FALSE(fs::exists(dir.file("out")) && !fs::is_empty(dir.file("out")))
+            << "a cancelled encode left a file at the output path";
+        EXPECT_TRUE(tmp.isEmpty()) << "a cancelled encode left a temporary file";
+    }
+}
