@@ -7,6 +7,9 @@
 #include "decoders/FFMPEGDecoder.h"
 #include "decoders/FLACDecoder.h"
 #include "decoders/OggFLACDecoder.h"
+#include "decoders/OggOpusDecoder.h"
+#include "decoders/OggSpeexDecoder.h"
+#include "decoders/OggVorbisDecoder.h"
 
 namespace velvox {
 
@@ -22,6 +25,9 @@ void DecoderRegistration::registerAll() {
     std::call_once(once, [] {
         add<FLACDecoder>("FLACDecoder");
         add<OggFLACDecoder>("OggFLACDecoder");
+        add<OggVorbisDecoder>("OggVorbisDecoder");
+        add<OggSpeexDecoder>("OggSpeexDecoder");
+        add<OggOpusDecoder>("OggOpusDecoder");
         add<CoreAudioDecoder>("CoreAudioDecoder");
         add<FFMPEGDecoder>("FFMPEGDecoder");
     });
