@@ -268,7 +268,8 @@ uint32_t OggOpusDecoder::writeFrames(const float* pcm, uint32_t frames, int64_t 
         }
         shapemem_->toShort(shorts_.data(), block, produced);
         const uint32_t take = uint32_t(std::min<int64_t>(produced, maxout));
-        ring.putData(shorts_.data(), take * channels_ * 2);
+        if (take > 0)
+            ring.putData(shorts_.data(), take * channels_ * 2);
         written += take;
         maxout -= take;
     } while (frames > 0 && maxout > 0);

@@ -107,6 +107,10 @@ void OggSpeexDecoder::readHeader(const ogg_packet& packet) {
     int rate = header->rate;
     speex_decoder_ctl(st_.get(), SPEEX_SET_SAMPLING_RATE, &rate);
     speex_decoder_ctl(st_.get(), SPEEX_GET_LOOKAHEAD, &lookahead);
+    if (void* encoder = speex_encoder_init(mode)) {
+        speex_encoder_ctl(encoder, SPEEX_GET_LOOKAHEAD, &encoderLookahead_);
+        speex_encoder_destroy(encoder);
+    }
     granule_frame_size = frame_size;
     nframes_ = header->frames_per_packet == 0 ? 1 : header->frames_per_packet;
     extra_headers_ = std::max(header->extra_headers, 0);
@@ -160,11 +164,11 @@ void OggSpeexDecoder::takePage() {
     noteFirstAudioPage();
 }
 
-// The first page that completes audio packets tells, through its granule
-// position, how many decoded samples precede the stream's first sample: the
-// decoder's look-ahead for every encoder we know. A stream that ends on that
-// same page has a granule position that says nothing about the start; the
-// look-ahead itself is trimmed then.
+// Decoded samples run behind the encoder's input by the decoder's look-ahead
+// plus whatever the granule positions hold back: the first page that
+// completes audio packets tells that part (the encoder's look-ahead, as the
+// reference encoder writes it). A stream that ends on that same page says
+// nothing about its start; the encoder's look-ahead for the mode stands in.
 void OggSpeexDecoder::noteFirstAudioPage() {
     if (firstAudioPageSeen_ || ogg_page_granulepos(&og_) < 0)
         return;
@@ -177,9 +181,10 @@ void OggSpeexDecoder::noteFirstAudioPage() {
     firstAudioPageSeen_ = true;
     const int64_t decoded = audioPackets * nframes_ * frame_size;
     if (pageIsLast_)
-        skip_samples = lookahead;
+        skip_samples = encoderLookahead_ + lookahead;
     else
-        skip_samples = std::clamp<int64_t>(decoded - ogg_page_granulepos(&og_), 0, decoded);
+        skip_samples =
+            std::clamp<int64_t>(decoded - ogg_page_granulepos(&og_), 0, decoded) + lookahead;
     last_granule = ogg_page_granulepos(&og_);
 }
 
@@ -196,6 +201,7 @@ void OggSpeexDecoder::fillPCMBuffer() {
         if (r == 1) {
             decodePacket(packet);
         } else if (ogg_stream_eos(&os_)) {
+            completeTail();
             setEndOfFile(true);
         } else if (!readPage()) {
             VLX_ASSERT(endsWithLastPage_,
@@ -220,6 +226,23 @@ void OggSpeexDecoder::decodePacket(ogg_packet& packet) {
         VLX_ASSERT(ret != -2, "Speex decoding error: corrupted stream?.");
         VLX_ASSERT(speex_bits_remaining(&bits_) >= 0,
                    "Speex decoding overflow: corrupted stream?.");
+        if (channels_ == 2)
+            speex_decode_stereo_int(frame_.data(), frame_size, stereo_.get());
+        writeFrame(frame_.data());
+    }
+}
+
+// Encoders pad the last packet for their own look-ahead but not always for
+// the decoder's, which then still holds the stream's last samples. Concealment
+// frames (decoding without data) push them out, up to the granule position.
+void OggSpeexDecoder::completeTail() {
+    const int frames = lookahead / std::max(frame_size, 1) + 1;
+    for (int i = 0; i < frames && pageIsLast_ && written_ < page_granule; ++i) {
+        RingBuffer& ring = pcmBuffer();
+        const uint32_t frameBytes = uint32_t(frame_size) * channels_ * 2;
+        if (ring.freeSpaceAvailable() < frameBytes)
+            ring.resize(ring.size() + frameBytes);
+        speex_decode_int(st_.get(), nullptr, frame_.data());
         if (channels_ == 2)
             speex_decode_stereo_int(frame_.data(), frame_size, stereo_.get());
         writeFrame(frame_.data());

@@ -54,6 +54,7 @@ private:
     void readHeader(const ogg_packet& packet);
     void noteFirstAudioPage();
     void decodePacket(ogg_packet& packet);
+    void completeTail();
     void writeFrame(const int16_t* frame);
 
     std::unique_ptr<FILE, FileCloser> fin_;
@@ -76,6 +77,7 @@ private:
     int extra_headers_ = 0;
     int64_t packetCount_ = 1; // the header packet
     int lookahead = 0;
+    int encoderLookahead_ = 0;
     int64_t skip_samples = 0;
     int64_t page_granule = 0;
     int64_t last_granule = 0;
