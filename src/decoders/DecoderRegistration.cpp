@@ -4,6 +4,7 @@
 
 #include "core/KDDecoder.h"
 #include "decoders/CoreAudioDecoder.h"
+#include "decoders/DSDDecoder.h"
 #include "decoders/FFMPEGDecoder.h"
 #include "decoders/FLACDecoder.h"
 #include "decoders/OggFLACDecoder.h"
@@ -24,6 +25,7 @@ void DecoderRegistration::registerAll() {
         add<OggFLACDecoder>("OggFLACDecoder");
         add<CoreAudioDecoder>("CoreAudioDecoder");
         add<FFMPEGDecoder>("FFMPEGDecoder");
+        add<DSDDecoder>("DSDDecoder");
     });
 }
 
