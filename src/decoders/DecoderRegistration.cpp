@@ -6,7 +6,12 @@
 #include "decoders/CoreAudioDecoder.h"
 #include "decoders/FFMPEGDecoder.h"
 #include "decoders/FLACDecoder.h"
+#include "decoders/ModDecoder.h"
+#include "decoders/MonkeysAudioDecoder.h"
+#include "decoders/MusepackDecoder.h"
 #include "decoders/OggFLACDecoder.h"
+#include "decoders/TrueAudioDecoder.h"
+#include "decoders/WavPackDecoder.h"
 
 namespace velvox {
 
@@ -24,6 +29,11 @@ void DecoderRegistration::registerAll() {
         add<OggFLACDecoder>("OggFLACDecoder");
         add<CoreAudioDecoder>("CoreAudioDecoder");
         add<FFMPEGDecoder>("FFMPEGDecoder");
+        add<WavPackDecoder>("WavPackDecoder");
+        add<MusepackDecoder>("MusepackDecoder");
+        add<MonkeysAudioDecoder>("MonkeysAudioDecoder");
+        add<TrueAudioDecoder>("TrueAudioDecoder");
+        add<ModDecoder>("ModDecoder");
     });
 }
 
