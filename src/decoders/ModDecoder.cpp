@@ -79,6 +79,9 @@ bool ModDecoder::initWithFilename(const std::string& path) {
         settings.mFrequency = kSampleRate;
         settings.mResamplingMode = MODPLUG_RESAMPLE_FIR;
         settings.mLoopCount = 0;
+        // The noise-reduction filter keeps its history in a global, so with it
+        // one module's last samples would colour the next read of another.
+        settings.mFlags &= ~MODPLUG_ENABLE_NOISE_REDUCTION;
         ModPlug_SetSettings(&settings);
         // libmodplug copies what it needs; the bytes may go afterwards.
         module_.reset(bytes.empty() ? nullptr : ModPlug_Load(bytes.data(), int(bytes.size())));
