@@ -50,7 +50,7 @@ int LibavLosslessStream::open(const std::string& path, AVCodecID codec) {
     c_->pkt_timebase = stream->time_base;
     // A frame that fails its checksum is an error, not a glitch to play over:
     // a damaged file must not pass as converted.
-    c_->err_recognition |= AV_EF_CRCCHECK;
+    c_->err_recognition |= AV_EF_CRCCHECK | AV_EF_EXPLODE;
     if ((err = avcodec_open2(c_.get(), decoder, nullptr)) < 0)
         return err;
 
