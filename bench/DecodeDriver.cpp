@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "core/KDDecoder.h"
-#include "decoders/DecoderRegistration.h"
+#include "formats/FormatTable.h"
 #include "platform/Exception.h"
 
 int main(int argc, char** argv) {
@@ -14,7 +14,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "usage: velvox_decode_driver FILE > PCM\n");
         return 2;
     }
-    velvox::DecoderRegistration::registerAll();
+    velvox::FormatTable::installBuiltinFormats();
     try {
         auto decoder = velvox::KDDecoder::decoderWithFilename(argv[1]);
         if (!decoder)

@@ -133,3 +133,22 @@ TEST(FFMPEGDecoderTest, FilesWithoutUsableAudioFailWithTheirMessage) {
     EXPECT_LT(d.frames, 20000u);
     EXPECT_TRUE(decoder->isEndOfFile());
 }
+
+TEST(FFMPEGDecoderTest, OnlyTheFirstAudioStreamOfAVideoIsDecoded) {
+    TempDir dir;
+    const uint32_t frames = 30000;
+    const auto first = makeSignal(frames, 2, 16, 11);
+    writeWav(dir.file("first.wav"), first, 2, 44100, 16);
+    writeWav(dir.file("second.wav"), makeSignal(frames, 2, 16, 12), 2, 44100, 16);
+    // Video first, then two interleaved audio streams: a commentary track
+    // must not leak into the film's sound.
+    const std::string movie = dir.file("two-tracks.mov");
+    run("ffmpeg -v error -f lavfi -i testsrc=duration=1:size=64x48:rate=10 -i " +
+        shellQuote(dir.file("first.wav")) + " -i " + shellQuote(dir.file("second.wav")) +
+        " -map 0:v -map 1:a -map 2:a -c:v mpeg4 -c:a pcm_s16le " + shellQuote(movie));
+    auto decoder = openFFmpeg(movie);
+    ASSERT_TRUE(decoder);
+    const Decoded d = decodeAll(*decoder);
+    EXPECT_EQ(d.frames, frames);
+    EXPECT_TRUE(d.pcm == packLittleEndian(first, 16));
+}
