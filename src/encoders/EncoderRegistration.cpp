@@ -4,6 +4,8 @@
 #include <mutex>
 
 #include "encoders/FLACEncodeOperation.h"
+#include "encoders/MP3EncodeOperation.h"
+#include "encoders/OggVorbisEncodeOperation.h"
 #include "jobs/EncodeOperation.h"
 #include "jobs/EncoderType.h"
 
@@ -21,6 +23,10 @@ void EncoderRegistration::registerAll() {
     std::call_once(once, [] {
         EncodeOperation::registerEncoderClass(EncoderTypeFLAC, make<FLACEncodeOperation>);
         EncodeOperation::registerUpdateMetadataClass("FLAC", make<FLACEncodeOperation>);
+        EncodeOperation::registerEncoderClass(EncoderTypeMP3, make<MP3EncodeOperation>);
+        EncodeOperation::registerUpdateMetadataClass("MP3", make<MP3EncodeOperation>);
+        EncodeOperation::registerEncoderClass(EncoderTypeOggVorbis, make<OggVorbisEncodeOperation>);
+        EncodeOperation::registerUpdateMetadataClass("OggVorbis", make<OggVorbisEncodeOperation>);
     });
 }
 
