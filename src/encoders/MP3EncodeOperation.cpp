@@ -109,10 +109,15 @@ void MP3EncodeOperation::setUpCodec(const std::string& tempFilePath) {
     applySettings();
 
     const AudioStreamBasicDescription format = decoder()->decodeFormat();
-    lame_set_num_channels(gfp.get(), int(format.mChannelsPerFrame));
+    // LAME takes one or two channels. Its setter refuses more but leaves
+    // two in place, which would encode the front pair of a surround source
+    // and silently drop the rest; refuse the file instead.
+    if (lame_set_num_channels(gfp.get(), int(format.mChannelsPerFrame)) != 0)
+        throw Exception("IllegalInputException",
+                        stringWithFormat("MP3 Supports Only Mono And Stereo. %u Channel Input Not "
+                                         "Supported.",
+                                         format.mChannelsPerFrame));
     lame_set_in_samplerate(gfp.get(), int(format.mSampleRate));
-    // LAME refuses more than two channels here: there is no fold of a
-    // surround layout that it could choose on the user's behalf.
     VLX_ASSERT(lame_init_params(gfp.get()) != -1, "Unable to initialize the LAME encoder.");
 
     tempPath_ = tempFilePath;
