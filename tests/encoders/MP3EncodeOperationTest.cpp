@@ -1,0 +1,407 @@
+// The MP3 encoder end to end: real sources in, MP3 files out, checked with
+// independent decoders and readers (mpg123, ffmpeg/ffprobe, mediainfo,
+// mutagen).
+
+#include <cctype>
+#include <filesystem>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "encoders/EncoderTestHarness.h"
+#include "encoders/LossyEncoderTestSupport.h"
+#include "encoders/MP3EncodeOperation.h"
+#include "metadata/AlbumArtwork.h"
+#include "metadata/MetadataFixtures.h"
+#include "support/TestSupport.h"
+
+using namespace velvox;
+namespace fs = std::filesystem;
+
+namespace {
+
+class CancellingMP3EncodeOperation : public MP3EncodeOperation {
+public:
+    void encodeChunk(const AudioBufferList& list, uint32_t frames) override {
+        MP3EncodeOperation::encodeChunk(list, frames);
+        if (++chunks == cancelAtChunk)
+            cancel();
+    }
+    int chunks = 0;
+    int cancelAtChunk = -1;
+};
+
+class MP3EncodeOperationTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        test::requireTools(
+            {"mpg123", "ffmpeg", "ffprobe", "mediainfo", "metaflac", "flac", "lame"});
+        prefs.set("outputSameAsSource", false);
+        prefs.set("destinationDirectory", dir.file("out"));
+        prefs.set("writeMetadata", true);
+        prefs.set("writeEncodedByMetadataTag", true);
+        prefs.set("writeFormatStringToComments", false);
+        prefs.set("saveAlbumArtworkToFile", false);
+        prefs.set("overwriteOutputFiles", true);
+        prefs.set("promptBeforeOverwriting", false);
+        prefs.set("writeMP3ID3v2Tag", true);
+        prefs.set("writeMP3ID3v1Tag", false);
+        prefs.set("writeMP3ApeTag", false);
+        prefs.set("WriteMP3ID3v2TagVersion", 0);
+        // What a user gets without choosing: VBR at LAME's -V 2.
+        settings = std::make_shared<EncoderSettings>();
+        settings->setEncoderType(EncoderTypeMP3);
+        settings->setExtension("mp3");
+        settings->setBitrateMethod(BitrateMethodVBR);
+        settings->setVbrQuality(8);
+        settings->setQuality(7);
+        settings->setBitrate(192);
+    }
+
+    template <typename Operation = MP3EncodeOperation>
+    std::unique_ptr<Operation>
+    encode(const std::string& in,
+           std::shared_ptr<AudioMetadata> metadata = std::make_shared<AudioMetadata>()) {
+        auto op = std::make_unique<Operation>();
+        op->initWithFilePath(in, in);
+        op->setSettings(settings);
+        op->setDelegate(&batch);
+        if (metadata)
+            op->setMetadata(std::move(metadata));
+        test::runToEnd(*op);
+        return op;
+    }
+
+    std::string wavOf(const std::string& name, const std::vector<int32_t>& samples,
+                      uint32_t channels, uint32_t rate, uint32_t bits, uint32_t mask = 0) {
+        const std::string path = dir.file(name + ".wav");
+        test::writeWav(path, samples, channels, rate, bits, mask);
+        return path;
+    }
+
+    // mpg123's full check of every frame; any complaint fails. An APE tag
+    // sits after the audio, where mpg123 counts it against the stream size
+    // in the Xing frame: on a short file that one warning is expected.
+    void expectValid(const std::string& mp3, bool apeTagAtEnd = false) {
+        const auto r = test::runWithErrors("mpg123 -t " + test::shellQuote(mp3));
+        EXPECT_EQ(r.exitCode, 0) << r.output;
+        std::string lower = r.output;
+        for (char& ch : lower)
+            ch = char(std::tolower(static_cast<unsigned char>(ch)));
+        const std::string sizeWarning = "warning: xing stream size off by more than 1%";
+        if (apeTagAtEnd && lower.find(sizeWarning) != std::string::npos)
+            lower.erase(lower.find(sizeWarning), sizeWarning.size());
+        EXPECT_EQ(lower.find("warning"), std::string::npos) << r.output;
+        EXPECT_EQ(lower.find("error"), std::string::npos) << r.output;
+    }
+
+    // The reference encoder's output for the same settings, decoded.
+    std::vector<int16_t> lameDecoded(const std::string& flags, const std::string& wav) {
+        const std::string mp3 = dir.file("reference.mp3");
+        EXPECT_EQ(test::runCommand("lame --quiet " + flags + " " + test::shellQuote(wav) + " " +
+                                   test::shellQuote(mp3))
+                      .exitCode,
+                  0);
+        return test::decodeWithFFmpeg(mp3, dir.file("reference.raw"));
+    }
+
+    std::string ffprobe(const std::string& entries, const std::string& path) {
+        return test::runCommand("ffprobe -v error -select_streams a:0 -show_entries " + entries +
+                                " -of default=nw=1:nk=1 " + test::shellQuote(path))
+            .output;
+    }
+    std::string mediainfo(const std::string& path) {
+        return test::runCommand("mediainfo " + test::shellQuote(path)).output;
+    }
+    std::vector<int16_t> decoded(const std::string& mp3) {
+        return test::decodeWithFFmpeg(mp3, dir.file("decoded.raw"));
+    }
+
+    test::TempDir dir;
+    test::Preferences prefs;
+    test::Batch batch;
+    std::shared_ptr<EncoderSettings> settings;
+};
+
+} // namespace
+
+// ffmpeg honours the LAME frame's delay and padding, so a correct frame
+// gives back exactly the source's frame count; the tones come back in their
+// own channels at full scale whatever the source's sample size.
+TEST_F(MP3EncodeOperationTest, EverySampleSizeEncodesGaplesslyAndValidates) {
+    struct Case {
+        const char* name;
+        uint32_t channels, bits, rate;
+    } cases[] = {
+        {"stereo16", 2, 16, 44100}, {"mono8", 1, 8, 44100},   {"stereo24", 2, 24, 44100},
+        {"stereo32", 2, 32, 44100}, {"mono16", 1, 16, 48000}, {"stereo16-22k", 2, 16, 22050},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const uint32_t frames = c.rate * 3 + 777;
+        const auto source = test::tones(frames, c.channels, c.bits, c.rate);
+        const std::string in = wavOf(c.name, source, c.channels, c.rate, c.bits);
+        test::LogWatch log;
+        auto op = encode(in);
+        ASSERT_TRUE(op->success()) << testing::PrintToString(log.lines());
+        const std::string out = dir.file(std::string("out/") + c.name + ".mp3");
+        ASSERT_EQ(op->outFilePath(), out);
+        expectValid(out);
+        EXPECT_EQ(ffprobe("stream=channels,sample_rate", out),
+                  std::to_string(c.rate) + "\n" + std::to_string(c.channels) + "\n");
+        const auto pcm = decoded(out);
+        EXPECT_EQ(pcm.size(), size_t(frames) * c.channels);
+        for (uint32_t ch = 0; ch < c.channels; ++ch)
+            EXPECT_GT(test::channelSNR(pcm, source, c.channels, ch, c.bits), 20.0)
+                << "channel " << ch;
+    }
+}
+
+TEST_F(MP3EncodeOperationTest, SurroundSourceIsRefusedAndLeavesNothing) {
+    test::ScopedTemporaryFolder tmp;
+    const std::string in = wavOf("surround", test::tones(44100, 6, 16, 44100), 6, 44100, 16, 0x3F);
+    test::LogWatch log;
+    auto op = encode(in);
+    EXPECT_FALSE(op->success());
+    EXPECT_TRUE(log.contains("MP3 Encode Operation Failed To Encode File: surround.wav.  "
+                             "Error:MP3 Supports Only Mono And Stereo. 6 Channel Input Not "
+                             "Supported."))
+        << testing::PrintToString(log.lines());
+    EXPECT_FALSE(fs::exists(dir.file("out/surround.mp3")));
+    EXPECT_TRUE(tmp.isEmpty());
+}
+
+// Each setting must reach LAME as the reference tool's own flag does: the
+// frames, and so the decoded PCM, are then the same bit for bit.
+TEST_F(MP3EncodeOperationTest, RateControlMatchesTheReferenceEncoder) {
+    const std::string in = wavOf("music", test::tones(44100 * 4, 2, 16, 44100), 2, 44100, 16);
+    struct Case {
+        BitrateMethod method;
+        int64_t bitrate, vbrQuality; // the stored VBR quality is 10 - LAME's -V
+        const char* lameFlags;
+    } cases[] = {
+        {BitrateMethodVBR, 0, 10, "-V 0"},  {BitrateMethodVBR, 0, 8, "-V 2"},
+        {BitrateMethodVBR, 0, 1, "-V 9"},   {BitrateMethodCBR, 320, 0, "-b 320"},
+        {BitrateMethodCBR, 96, 0, "-b 96"}, {BitrateMethodABR, 128, 0, "--abr 128"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.lameFlags);
+        settings->setBitrateMethod(c.method);
+        settings->setBitrate(c.bitrate);
+        settings->setVbrQuality(c.vbrQuality);
+        auto op = encode(in);
+        ASSERT_TRUE(op->success());
+        const std::string out = *op->outFilePath();
+        expectValid(out);
+        EXPECT_TRUE(decoded(out) == lameDecoded(c.lameFlags, in));
+        const std::string info = mediainfo(out);
+        EXPECT_NE(info.find(c.method == BitrateMethodCBR ? "Constant" : "Variable"),
+                  std::string::npos)
+            << info;
+        if (c.method == BitrateMethodCBR) {
+            EXPECT_EQ(ffprobe("stream=bit_rate", out), std::to_string(c.bitrate * 1000) + "\n");
+        }
+    }
+}
+
+TEST_F(MP3EncodeOperationTest, ChannelModeAndSampleRateAreLAMEs) {
+    const uint32_t frames = 44100 * 2 + 5;
+    const auto source = test::tones(frames, 2, 16, 44100);
+    const std::string in = wavOf("pair", source, 2, 44100, 16);
+    {
+        SCOPED_TRACE("mono by LAME's own fold");
+        settings->setChannelMode(3);
+        auto op = encode(in);
+        ASSERT_TRUE(op->success());
+        const std::string out = *op->outFilePath();
+        EXPECT_EQ(ffprobe("stream=channels", out), "1\n");
+        EXPECT_NE(mediainfo(out).find("-m m "), std::string::npos);
+        EXPECT_TRUE(decoded(out) == lameDecoded("-m m -V 2", in));
+        // LAME folds to (L + R) / 2.
+        std::vector<int32_t> folded(frames);
+        for (uint32_t f = 0; f < frames; ++f)
+            folded[f] = (source[2 * f] + source[2 * f + 1]) / 2;
+        const auto pcm = decoded(out);
+        EXPECT_EQ(pcm.size(), size_t(frames));
+        EXPECT_GT(test::channelSNR(pcm, folded, 1, 0, 16), 20.0);
+    }
+    for (const auto& [mode, flag] : {std::pair{1, "-m s"}, {2, "-m f"}}) {
+        SCOPED_TRACE(flag);
+        settings->setChannelMode(mode);
+        auto op = encode(in);
+        ASSERT_TRUE(op->success());
+        EXPECT_EQ(ffprobe("stream=channels", *op->outFilePath()), "2\n");
+        const std::string info = mediainfo(*op->outFilePath());
+        EXPECT_NE(info.find(std::string(flag) + " -V 2 "), std::string::npos) << info;
+        EXPECT_TRUE(decoded(*op->outFilePath()) == lameDecoded(std::string(flag) + " -V 2", in));
+    }
+    settings->setChannelMode(0);
+    {
+        // LAME cannot write 96 kHz: the setting is not passed and LAME keeps
+        // the source's rate.
+        SCOPED_TRACE("96000");
+        settings->setSampleRate(96000);
+        auto op = encode(in);
+        ASSERT_TRUE(op->success());
+        EXPECT_EQ(ffprobe("stream=sample_rate", *op->outFilePath()), "44100\n");
+        EXPECT_EQ(decoded(*op->outFilePath()).size(), size_t(frames) * 2);
+    }
+    {
+        // A rate LAME can write is resampled by LAME; the length is then
+        // only as exact as the resampler's rounding.
+        SCOPED_TRACE("22050");
+        settings->setSampleRate(22050);
+        auto op = encode(in);
+        ASSERT_TRUE(op->success());
+        EXPECT_EQ(ffprobe("stream=sample_rate", *op->outFilePath()), "22050\n");
+        EXPECT_NEAR(double(decoded(*op->outFilePath()).size()) / 2, frames / 2.0, 2.0);
+        EXPECT_EQ(op->totalFrames(), frames); // progress counts source frames
+    }
+}
+
+namespace {
+
+// A tagged FLAC source made by the reference tools, with a PNG cover.
+std::string taggedSource(const test::TempDir& dir, std::vector<uint8_t>& cover) {
+    const std::string wav = dir.file("tagged.wav");
+    test::writeWav(wav, test::tones(22050, 2, 16, 44100), 2, 44100, 16);
+    const std::string flac = dir.file("tagged.flac");
+    cover = test::pngBytes(8, 8);
+    test::writeFile(dir.file("cover.png"), cover);
+    EXPECT_EQ(test::runCommand("flac -s -f -o " + test::shellQuote(flac) + " " +
+                               test::shellQuote(wav) + " && metaflac --set-tag='TITLE=Grüße' " +
+                               "--set-tag='ARTIST=東京 Ensemble' --set-tag=ALBUM=Proof " +
+                               "--set-tag=TRACKNUMBER=7 --import-picture-from=" +
+                               test::shellQuote(dir.file("cover.png")) + " " +
+                               test::shellQuote(flac))
+                  .exitCode,
+              0);
+    return flac;
+}
+
+} // namespace
+
+TEST_F(MP3EncodeOperationTest, TagsAndCoverArriveInEveryID3v2VersionAndEncoding) {
+    std::vector<uint8_t> cover;
+    const std::string in = taggedSource(dir, cover);
+    const std::string coverMD5 = test::md5Hex(cover);
+    struct Case {
+        int preference, version, encoding; // mutagen's encoding numbers
+    } cases[] = {{0, 4, 3}, {1, 4, 3}, {2, 3, 1}, {3, 3, 0}, {4, 4, 1}, {5, 4, 0}};
+    const char* script =
+        "import sys, hashlib, mutagen.id3 as m\n"
+        "t = m.ID3(sys.argv[1]); f = t['TIT2']\n"
+        "a = t['TPE1'].text[0] if f.encoding else '-'\n"
+        "print(t.version[1], int(f.encoding), f.text[0], a,\n"
+        "      t['TRCK'].text[0], hashlib.md5(t.getall('APIC')[0].data).hexdigest(),\n"
+        "      'TENC' in t, sep='|')\n";
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.preference);
+        prefs.set("WriteMP3ID3v2TagVersion", c.preference);
+        auto op = encode(in, nullptr);
+        ASSERT_TRUE(op->success());
+        const std::string out = *op->outFilePath();
+        // Latin-1 cannot hold the artist's Japanese name: not compared there.
+        const std::string artist = c.encoding == 0 ? "-" : "東京 Ensemble";
+        EXPECT_EQ(test::mutagen(script, out), std::to_string(c.version) + "|" +
+                                                  std::to_string(c.encoding) + "|Grüße|" + artist +
+                                                  "|7|" + coverMD5 + "|True\n");
+        EXPECT_EQ(test::runCommand("ffprobe -v error -show_entries format_tags=title -of "
+                                   "default=nw=1:nk=1 " +
+                                   test::shellQuote(out))
+                      .output,
+                  "Grüße\n");
+        expectValid(out);
+    }
+}
+
+TEST_F(MP3EncodeOperationTest, ID3v1AndAPETagsOnlyWhenAskedFor) {
+    std::vector<uint8_t> cover;
+    const std::string in = taggedSource(dir, cover);
+    const char* apeScript = "import sys, mutagen.apev2 as a\n"
+                            "try:\n  t = a.APEv2(sys.argv[1]); print(t['Title'], t['Album'])\n"
+                            "except a.APENoHeaderError: print('none')\n";
+    auto id3v2Version = [](const std::string& path) {
+        const auto bytes = test::readFile(path);
+        if (bytes.size() < 10 || std::string(bytes.begin(), bytes.begin() + 3) != "ID3")
+            return std::string("none");
+        return std::to_string(bytes[3]);
+    };
+    auto id3v1Title = [](const std::string& path) {
+        const auto bytes = test::readFile(path);
+        if (bytes.size() < 128 || std::string(bytes.end() - 128, bytes.end() - 125) != "TAG")
+            return std::string("none");
+        std::string title(bytes.end() - 125, bytes.end() - 95);
+        return title.substr(0, title.find('\0'));
+    };
+
+    prefs.set("writeMP3ID3v2Tag", false);
+    prefs.set("writeMP3ID3v1Tag", true);
+    prefs.set("writeMP3ApeTag", true);
+    auto op = encode(in, nullptr);
+    ASSERT_TRUE(op->success());
+    const std::string out = *op->outFilePath();
+    EXPECT_EQ(id3v1Title(out), "Gr\xfc\xdf"
+                               "e"); // Latin-1
+    EXPECT_EQ(test::mutagen(apeScript, out), "Grüße Proof\n");
+    EXPECT_EQ(id3v2Version(out), "none");
+    expectValid(out, true);
+
+    // Re-tagging with only ID3v2 on drops the other two kinds.
+    prefs.set("writeMP3ID3v2Tag", true);
+    prefs.set("writeMP3ID3v1Tag", false);
+    prefs.set("writeMP3ApeTag", false);
+    settings->setEncoderAction(EncoderActionUpdateMetadata);
+    auto retag = encode(out, nullptr);
+    ASSERT_TRUE(retag->success());
+    EXPECT_EQ(id3v1Title(out), "none");
+    EXPECT_EQ(test::mutagen(apeScript, out), "none\n");
+    EXPECT_EQ(id3v2Version(out), "4");
+    // With the APE tag gone, the Xing frame's stream size is exact again.
+    expectValid(out);
+}
+
+TEST_F(MP3EncodeOperationTest, RetaggingLeavesTheAudioAlone) {
+    const std::string in = wavOf("plain", test::tones(44100 * 2, 2, 16, 44100), 2, 44100, 16);
+    auto op = encode(in);
+    ASSERT_TRUE(op->success());
+    const std::string out = *op->outFilePath();
+    const auto pcmBefore = decoded(out);
+    ASSERT_EQ(pcmBefore.size(), 44100u * 2 * 2);
+
+    auto record = std::make_shared<AudioMetadata>();
+    record->setTrackTitle("Second Thoughts");
+    auto artwork = std::make_shared<AlbumArtwork>();
+    artwork->setData(test::pngBytes(16, 16));
+    record->setAlbumArtwork(artwork);
+    prefs.set("writeMP3ApeTag", true);
+    settings->setEncoderAction(EncoderActionUpdateMetadata);
+    auto retag = encode(out, record);
+    ASSERT_TRUE(retag->success());
+    EXPECT_EQ(retag->outFilePath(), out);
+
+    EXPECT_TRUE(decoded(out) == pcmBefore);
+    EXPECT_EQ(
+        test::mutagen("import sys, mutagen.id3 as m\n"
+                      "t = m.ID3(sys.argv[1]); print(t['TIT2'].text[0], len(t.getall('APIC')))",
+                      out),
+        "Second Thoughts 1\n");
+    expectValid(out, true);
+}
+
+TEST_F(MP3EncodeOperationTest, CancelledEncodeLeavesNothingBehind) {
+    test::ScopedTemporaryFolder tmp;
+    const std::string in = wavOf("long", test::tones(44100 * 20, 2, 24, 44100), 2, 44100, 24);
+    auto op = std::make_unique<CancellingMP3EncodeOperation>();
+    op->cancelAtChunk = 3;
+    op->initWithFilePath(in, in);
+    op->setSettings(settings);
+    op->setDelegate(&batch);
+    op->setMetadata(std::make_shared<AudioMetadata>());
+    test::runToEnd(*op);
+    EXPECT_TRUE(op->success()); // a cancel is not a failure
+    EXPECT_LT(op->chunks, 10);
+    EXPECT_FALSE(fs::exists(dir.file("out/long.mp3")));
+    EXPECT_TRUE(!fs::exists(dir.file("out")) || fs::is_empty(dir.file("out")));
+    EXPECT_TRUE(tmp.isEmpty());
+}
