@@ -4,6 +4,8 @@
 #include <mutex>
 
 #include "encoders/FLACEncodeOperation.h"
+#include "encoders/OggOpusEncodeOperation.h"
+#include "encoders/OggSpeexEncodeOperation.h"
 #include "jobs/EncodeOperation.h"
 #include "jobs/EncoderType.h"
 
@@ -21,6 +23,10 @@ void EncoderRegistration::registerAll() {
     std::call_once(once, [] {
         EncodeOperation::registerEncoderClass(EncoderTypeFLAC, make<FLACEncodeOperation>);
         EncodeOperation::registerUpdateMetadataClass("FLAC", make<FLACEncodeOperation>);
+        EncodeOperation::registerEncoderClass(EncoderTypeOpus, make<OggOpusEncodeOperation>);
+        EncodeOperation::registerUpdateMetadataClass("OggOpus", make<OggOpusEncodeOperation>);
+        EncodeOperation::registerEncoderClass(EncoderTypeOggSpeex, make<OggSpeexEncodeOperation>);
+        EncodeOperation::registerUpdateMetadataClass("OggSpeex", make<OggSpeexEncodeOperation>);
     });
 }
 
