@@ -51,7 +51,7 @@ float vorbis_lpc_from_data(const float* data, float* lpci, int n, int m) {
 
     // Bandwidth expansion: pulls the poles slightly inside the unit circle
     // so that a long prediction decays rather than growing.
-    double g = 0.99;
+    double g = 0.999;
     double damp = g;
     for (int j = 0; j < m; ++j) {
         lpci[j] = float(lpc[size_t(j)] * damp);

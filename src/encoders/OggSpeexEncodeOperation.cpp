@@ -178,14 +178,12 @@ void OggSpeexEncodeOperation::writeHeaderPackets(const void* modePointer) {
     // A Vorbis-style comment block without the framing bit, carrying only
     // the vendor text: the tags are written by TagLib afterwards.
     const std::string vendor = stringWithFormat("Encoded with Speex %s", speexVersion().c_str());
-    std::vector<unsigned char> comments;
-    auto le32 = [&comments](uint32_t v) {
-        for (int i = 0; i < 4; ++i)
-            comments.push_back(static_cast<unsigned char>(v >> (8 * i)));
-    };
-    le32(uint32_t(vendor.size()));
-    comments.insert(comments.end(), vendor.begin(), vendor.end());
-    le32(0);
+    std::vector<unsigned char> comments(4 + vendor.size() + 4, 0);
+    const uint32_t length = uint32_t(vendor.size());
+    for (int i = 0; i < 4; ++i)
+        comments[size_t(i)] = static_cast<unsigned char>(length >> (8 * i));
+    std::memcpy(comments.data() + 4, vendor.data(), vendor.size());
+    // The last four bytes stay zero: no user comments.
     writeHeaderPacket(comments.data(), long(comments.size()), 1);
 }
 
