@@ -25,7 +25,11 @@ def cpu(cmd):
     return (after.ru_utime - before.ru_utime) + (after.ru_stime - before.ru_stime)
 
 def median_of_5(cmd):
-    return statistics.median(cpu(cmd) for _ in range(5))
+    times = []
+    for _ in range(5):
+        times.append(cpu(cmd))
+        print(f"  {cmd[0].split('/')[-1]} {cmd[1]}: {times[-1]:.2f} s", flush=True)
+    return statistics.median(times)
 
 os.makedirs("out", exist_ok=True)
 pairs = [
@@ -37,5 +41,5 @@ pairs = [
 for name, reference, ours in pairs:
     ref = median_of_5(reference)
     vlx = median_of_5(ours)
-    print(f"{name}: reference {ref:.2f} s CPU  velvox {vlx:.2f} s CPU  ratio {vlx / ref:.3f}")
+    print(f"{name}: reference {ref:.2f} s CPU  velvox {vlx:.2f} s CPU  ratio {vlx / ref:.3f}", flush=True)
 PY

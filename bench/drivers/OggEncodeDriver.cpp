@@ -16,6 +16,7 @@
 #include "encoders/OggSpeexEncodeOperation.h"
 #include "jobs/EncodeOperationDelegate.h"
 #include "jobs/EncoderSettings.h"
+#include "platform/ErrorLog.h"
 #include "platform/MainRunLoop.h"
 #include "platform/TaggingThread.h"
 #include "platform/UserDefaults.h"
@@ -82,7 +83,11 @@ int main(int argc, char** argv) {
     op->setSettings(settings);
     op->setDelegate(&delegate);
     op->setMetadata(std::make_shared<AudioMetadata>());
+    // This thread becomes the main thread before the operation needs one.
+    MainRunLoop::shared().runUntil([] { return true; });
     op->start();
     MainRunLoop::shared().runUntil([&] { return op->isFinished(); }, std::chrono::hours(1));
-    return op->success() ? 0 : 1;
+    for (const std::string& line : ErrorLog::sharedController().messages())
+        std::fprintf(stderr, "%s\n", line.c_str());
+    return op->isFinished() && op->success() ? 0 : 1;
 }
