@@ -10,6 +10,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <system_error>
 
 #include "decoders/DecoderRegistration.h"
 #include "encoders/OggOpusEncodeOperation.h"
@@ -78,6 +79,12 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "unknown kind %s\n", kind.c_str());
         return 2;
     }
+    // A file left by the previous run would make the operation ask what to
+    // do with it; the benchmark wants a plain encode every time.
+    std::error_code ec;
+    std::filesystem::remove(outFolder / std::filesystem::path(argv[2]).filename().replace_extension(
+                                            *settings->extension()),
+                            ec);
     Delegate delegate;
     op->initWithFilePath(argv[2], argv[2]);
     op->setSettings(settings);
