@@ -55,6 +55,7 @@ if [ ! -e "$wav" ]; then
 fi
 
 work=$(mktemp -d)
+mkdir -p "$work/out"
 trap 'rm -rf "$work"' EXIT
 
 # CPU seconds (user + system) of one run of the command.

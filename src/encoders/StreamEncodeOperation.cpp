@@ -195,6 +195,11 @@ void StreamEncodeOperation::chooseTargetChannels(const AudioStreamBasicDescripti
         targetChannels_ = decodeFormat.mChannelsPerFrame;
         targetLayoutTag_ = layoutTagForChannelCount(targetChannels_);
     }
+    const uint32_t most = maximumChannels();
+    if (mixesChannels() && most != 0 && targetChannels_ > most) {
+        targetChannels_ = most >= 2 ? 2 : 1;
+        targetLayoutTag_ = layoutTagForChannelCount(targetChannels_);
+    }
 }
 
 OSStatus StreamEncodeOperation::converterInput(uint32_t& ioNumberDataPackets,

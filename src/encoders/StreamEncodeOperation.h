@@ -71,6 +71,9 @@ protected:
     // Whether the channel mixer may run. Without it the codec receives the
     // decoder's channels whatever the settings' channel mode says.
     virtual bool mixesChannels() const { return true; }
+    // The most channels the codec takes (0: any). A source with more is
+    // folded to stereo (or mono) by the mixer whatever the channel mode.
+    virtual uint32_t maximumChannels() const { return 0; }
     // Cancellation and the progress text are looked at every this many chunks.
     virtual uint32_t cancelCheckInterval() const { return 8; }
 

@@ -1,0 +1,46 @@
+#!/usr/bin/env bash
+# CPU time of Velvox's Opus and Speex encode operations against the bare
+# reference encoders on the same WAV files (median of 5 runs each):
+#   10 minutes of 44.1 kHz 16-bit stereo  vs  opusenc --bitrate 128
+#   10 minutes of 16 kHz 16-bit mono      vs  speexenc -w --vbr
+# Target: a ratio of at most 1.03.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+nice ninja -C build -j2 velvox >/dev/null
+velvox=$PWD/build/velvox
+export XDG_CONFIG_HOME=$(mktemp -d)
+work=$PWD/build/bench-ogg
+mkdir -p "$work"
+cd "$work"
+[ -f stereo44k.wav ] || sox -n -r 44100 -b 16 -c 2 stereo44k.wav synth 600 pinknoise sine 440 gain -6
+[ -f mono16k.wav ] || sox -n -r 16000 -b 16 -c 1 mono16k.wav synth 600 pinknoise sine 300 gain -6
+python3 - "$velvox" <<'PY'
+import os, resource, statistics, subprocess, sys
+velvox = sys.argv[1]
+convert = [velvox, "convert", "--set", "writeMetadata=false", "--overwrite", "replace", "-o", "out"]
+
+def cpu(cmd):
+    before = resource.getrusage(resource.RUSAGE_CHILDREN)
+    subprocess.run(cmd, check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    after = resource.getrusage(resource.RUSAGE_CHILDREN)
+    return (after.ru_utime - before.ru_utime) + (after.ru_stime - before.ru_stime)
+
+def median_of_5(cmd):
+    times = []
+    for _ in range(5):
+        times.append(cpu(cmd))
+        print(f"  {cmd[0].split('/')[-1]} {cmd[1]}: {times[-1]:.2f} s", flush=True)
+    return statistics.median(times)
+
+os.makedirs("out", exist_ok=True)
+pairs = [
+    ("opus", ["opusenc", "--quiet", "--bitrate", "128", "stereo44k.wav", "ref.opus"],
+     convert + ["-f", "opus:bitrate=128", "stereo44k.wav"]),
+    ("speex", ["speexenc", "-w", "--vbr", "mono16k.wav", "ref.spx"],
+     convert + ["-f", "speex:rate=16k", "mono16k.wav"]),
+]
+for name, reference, ours in pairs:
+    ref = median_of_5(reference)
+    vlx = median_of_5(ours)
+    print(f"{name}: reference {ref:.2f} s CPU  velvox {vlx:.2f} s CPU  ratio {vlx / ref:.3f}", flush=True)
+PY

@@ -1,0 +1,45 @@
+#pragma once
+// One logical Ogg stream written to a file: the libogg stream state and the
+// output file, owned together because every page taken from the one goes to
+// the other. Both encoders that do their own Ogg packaging (Opus, Speex) use
+// it from their operation thread only.
+
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include <ogg/ogg.h>
+
+namespace velvox {
+
+class OggPageWriter {
+public:
+    // Opens path for writing and starts a stream with the given serial
+    // number; throws the assertion openFailedText when the file cannot be
+    // created, and "ogg_stream_init failed" when libogg refuses.
+    OggPageWriter(const std::string& path, int serialNumber, const char* openFailedText);
+    ~OggPageWriter();
+    OggPageWriter(const OggPageWriter&) = delete;
+    OggPageWriter& operator=(const OggPageWriter&) = delete;
+
+    ogg_stream_state& stream() { return os_; }
+    void packetin(ogg_packet& packet);
+
+    // Writes one page, header then body; false on a short write.
+    bool writePage(const ogg_page& page);
+    // Flushes every waiting packet to pages and writes them; false on a
+    // short write.
+    bool flushAll();
+    // Closes the file; false when the close (the last write) failed.
+    bool close();
+
+private:
+    struct FileCloser {
+        void operator()(std::FILE* file) const { std::fclose(file); }
+    };
+    ogg_stream_state os_{};
+    bool streamReady_ = false;
+    std::unique_ptr<std::FILE, FileCloser> file_;
+};
+
+} // namespace velvox
