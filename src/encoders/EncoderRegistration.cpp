@@ -3,6 +3,7 @@
 #include <memory>
 #include <mutex>
 
+#include "encoders/CoreAudioEncodeOperation.h"
 #include "encoders/FLACEncodeOperation.h"
 #include "jobs/EncodeOperation.h"
 #include "jobs/EncoderType.h"
@@ -21,6 +22,8 @@ void EncoderRegistration::registerAll() {
     std::call_once(once, [] {
         EncodeOperation::registerEncoderClass(EncoderTypeFLAC, make<FLACEncodeOperation>);
         EncodeOperation::registerUpdateMetadataClass("FLAC", make<FLACEncodeOperation>);
+        EncodeOperation::registerEncoderClass(EncoderTypeCoreAudio, make<CoreAudioEncodeOperation>);
+        EncodeOperation::registerUpdateMetadataClass("CoreAudio", make<CoreAudioEncodeOperation>);
     });
 }
 
