@@ -71,7 +71,13 @@ void LibavMuxerBackEnd::open(const std::string& path, const CoreAudioOutputForma
                avErrorString(error).c_str());
     error = avio_open(&output_->pb, path.c_str(), AVIO_FLAG_WRITE);
     VLX_ASSERT(error >= 0, "avio_open failed: %s", avErrorString(error).c_str());
-    error = avformat_write_header(output_.get(), nullptr);
+    // The MP4 edit list counts in the movie's time scale; at the sample rate
+    // it says exactly how many frames are real, rather than to a millisecond.
+    AVDictionary* options = nullptr;
+    if (format.isMP4())
+        av_dict_set_int(&options, "movie_timescale", int64_t(stream.sampleRate), 0);
+    error = avformat_write_header(output_.get(), &options);
+    av_dict_free(&options);
     VLX_ASSERT(error >= 0, "avformat_write_header failed: %s", avErrorString(error).c_str());
     headerWritten_ = true;
 
@@ -90,9 +96,8 @@ void LibavMuxerBackEnd::deinterleave(const uint8_t* samples, uint32_t frames) {
     const size_t width = size_t(av_get_bytes_per_sample(sampleFormat));
     // Integers are read left-justified in 32 bits, then stored at the
     // coder's width: floats scaled to ±1, 16-bit planes take the top half,
-    // 32-bit planes (24-bit ALAC) the value itself, which FFmpeg expects
-    // right-justified.
-    const int shiftDown = sampleFormat == AV_SAMPLE_FMT_S32P ? int(32 - input_.bitsPerChannel) : 0;
+    // 32-bit planes (24-bit ALAC) stay left-justified, as FFmpeg's encoder
+    // shifts them down by the raw sample size itself.
     for (uint32_t c = 0; c < channels; ++c) {
         planes_[c].resize(size_t(frames) * width);
         planePointers_[c] = planes_[c].data();
@@ -110,8 +115,7 @@ void LibavMuxerBackEnd::deinterleave(const uint8_t* samples, uint32_t frames) {
                 const int16_t x = int16_t(value >> 16);
                 std::memcpy(out + f * width, &x, sizeof x);
             } else {
-                const int32_t x = value >> shiftDown;
-                std::memcpy(out + f * width, &x, sizeof x);
+                std::memcpy(out + f * width, &value, sizeof value);
             }
         }
     }

@@ -43,6 +43,21 @@ int pcmSubtype(uint32_t fileType, uint32_t bits, bool isFloat) {
     }
 }
 
+// libsndfile's byte-order word for the file. An explicit big-endian AIFF
+// comes out as AIFC 'in24'/'in32', which few readers take, so the file's own
+// order (plain AIFF) stands for it. Little-endian AIFC is 'sowt' only for
+// 16 bits; wider samples would get libsndfile's private '42n1' and '23ni',
+// so they stay big-endian, still exact. Single bytes have no order.
+int endianFor(const CoreAudioOutputFormat& format, int major, int subtype, uint32_t bits) {
+    const bool pcm =
+        subtype != SF_FORMAT_ALAW && subtype != SF_FORMAT_ULAW && subtype != SF_FORMAT_IMA_ADPCM;
+    if (pcm && bits == 8)
+        return SF_ENDIAN_FILE;
+    if (major == SF_FORMAT_AIFF && (format.bigEndian() || (pcm && bits != 16 && !format.isFloat())))
+        return SF_ENDIAN_FILE;
+    return format.bigEndian() ? SF_ENDIAN_BIG : SF_ENDIAN_LITTLE;
+}
+
 } // namespace
 
 int SndFileBackEnd::sndfileFormat(const CoreAudioOutputFormat& format, uint32_t bitsPerChannel) {
@@ -66,8 +81,7 @@ int SndFileBackEnd::sndfileFormat(const CoreAudioOutputFormat& format, uint32_t 
     }
     if (major == 0 || subtype == 0)
         return 0;
-    const int endian = format.bigEndian() ? SF_ENDIAN_BIG : SF_ENDIAN_LITTLE;
-    return major | subtype | endian;
+    return major | subtype | endianFor(format, major, subtype, bitsPerChannel);
 }
 
 void SndFileBackEnd::open(const std::string& path, const CoreAudioOutputFormat& format,
