@@ -55,6 +55,8 @@ velvox_cmd = [velvox, "convert", "-f", "coreaudio:container=m4af,codec=aac,bitra
 ffmpeg_cmd = ["ffmpeg", "-v", "error", "-y", "-i", source, "-c:a", "aac", "-b:a", "256k",
               ffmpeg_file]
 
+os.makedirs(velvox_out, exist_ok=True)
+
 def run(cmd):
     with open(os.path.join(work, "stderr.txt"), "wb") as err:
         proc = subprocess.Popen(cmd, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,

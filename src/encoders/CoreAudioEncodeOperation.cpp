@@ -3,6 +3,8 @@
 #include <filesystem>
 #include <system_error>
 
+#include <sndfile.h>
+
 extern "C" {
 #include <libavcodec/version.h>
 }
@@ -24,6 +26,18 @@ namespace {
 constexpr int64_t kDefaultAACBitrate = 256000;
 
 } // namespace
+
+// The library that coded the audio, with its version, for the encoded-by
+// tag: "libsndfile-1.2.0" or "Lavc59.37.100".
+std::string CoreAudioEncodeOperation::codecLibraryName() const {
+    const std::optional<CoreAudioOutputFormat> format =
+        settings() ? CoreAudioOutputFormat::formatFor(
+                         settings()->fileType(), settings()->formatID(), settings()->formatFlags())
+                   : std::nullopt;
+    if (format && format->backEnd() == CoreAudioOutputFormat::BackEnd::SndFile)
+        return sf_version_string();
+    return LIBAVCODEC_IDENT;
+}
 
 CoreAudioEncodeOperation::CoreAudioEncodeOperation() = default;
 
@@ -146,7 +160,7 @@ void CoreAudioEncodeOperation::writeMetadata() {
     UserDefaults& defaults = UserDefaults::standardUserDefaults();
     std::optional<std::string> encodedBy;
     if (defaults.boolForKey("writeEncodedByMetadataTag"))
-        encodedBy = stringWithFormat("Lavc%s via Velvox %@", LIBAVCODEC_IDENT + 4,
+        encodedBy = stringWithFormat("%s via Velvox %@", codecLibraryName(),
                                      std::string(kVelvoxShortVersion));
     std::optional<std::string> comment;
     if (defaults.boolForKey("writeFormatStringToComments"))

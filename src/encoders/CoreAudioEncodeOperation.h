@@ -54,6 +54,7 @@ protected:
 private:
     // The output format of the settings; throws when it cannot be written.
     CoreAudioOutputFormat outputFormat() const;
+    std::string codecLibraryName() const;
     // Which container's tag store the file at the temporary path has.
     uint32_t containerType() const;
     std::optional<CoreAudioTagWriter::Gapless> gapless_;
