@@ -98,6 +98,10 @@ void LibavMuxerBackEnd::deinterleave(const uint8_t* samples, uint32_t frames) {
     // coder's width: floats scaled to ±1, 16-bit planes take the top half,
     // 32-bit planes (24-bit ALAC) stay left-justified, as FFmpeg's encoder
     // shifts them down by the raw sample size itself.
+    if (bytes == 2 && sampleFormat == AV_SAMPLE_FMT_FLTP) {
+        deinterleave16ToFloat(samples, frames);
+        return;
+    }
     for (uint32_t c = 0; c < channels; ++c) {
         planes_[c].resize(size_t(frames) * width);
         planePointers_[c] = planes_[c].data();
@@ -118,6 +122,20 @@ void LibavMuxerBackEnd::deinterleave(const uint8_t* samples, uint32_t frames) {
                 std::memcpy(out + f * width, &value, sizeof value);
             }
         }
+    }
+}
+
+void LibavMuxerBackEnd::deinterleave16ToFloat(const uint8_t* samples, uint32_t frames) {
+    // 16-bit sources into AAC are most of the work: whole samples, one
+    // multiply each, in a loop the compiler vectorises.
+    const uint32_t channels = input_.channels;
+    for (uint32_t c = 0; c < channels; ++c) {
+        planes_[c].resize(size_t(frames) * sizeof(float));
+        planePointers_[c] = planes_[c].data();
+        float* out = reinterpret_cast<float*>(planes_[c].data());
+        const uint8_t* p = samples + 2 * c;
+        for (uint32_t f = 0; f < frames; ++f, p += 2 * channels)
+            out[f] = float(int16_t(uint16_t(p[0] | (p[1] << 8)))) * (1.0f / 32768.0f);
     }
 }
 

@@ -44,6 +44,7 @@ private:
     void openCodec(const CoreAudioOutputFormat& format, const Stream& stream);
     // Moves interleaved integers into the planar buffers in the coder's format.
     void deinterleave(const uint8_t* samples, uint32_t frames);
+    void deinterleave16ToFloat(const uint8_t* samples, uint32_t frames);
     // Encodes `frames` from the FIFO (a short last frame when finishing).
     void encodeFromFifo(int frames);
     // Sends a frame (null drains) and writes every packet that comes back.

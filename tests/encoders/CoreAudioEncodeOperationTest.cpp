@@ -12,6 +12,8 @@
 
 #include "encoders/CoreAudioEncodeOperation.h"
 #include "encoders/EncoderTestHarness.h"
+#include "jobs/ApplicationController.h"
+#include "jobs/BatchTestSupport.h"
 #include "metadata/AlbumArtwork.h"
 #include "metadata/MetadataFixtures.h"
 #include "platform/StringFormat.h"
@@ -513,4 +515,64 @@ TEST_F(CoreAudioEncodeOperationTest, NeXTOutputLogsTheFieldsItCannotCarry) {
                              "Album, Year, Track, Album Artwork"))
         << (log.lines().empty() ? "" : log.lines().back());
     EXPECT_FALSE(op->isItunesCompatible());
+}
+
+// The controller's "skip files of the same type" with the real encoder in
+// place: a WAV is not re-encoded to WAV, Apple Lossless in M4A is not AAC
+// and so is encoded, and what is encoded decodes to the source.
+TEST(CoreAudioEncoderInABatchTest, FilesOfTheSameTypeAreSkippedAndTheRestEncoded) {
+    test::TempDir in, out;
+    test::Preferences prefs;
+    prefs.set("outputSameAsSource", false);
+    prefs.set("destinationDirectory", out.path().string());
+    prefs.set("useCustomNamingScheme", false);
+    prefs.set("preserveInputFileDirectoryStructure", false);
+    prefs.set("overwriteOutputFiles", false);
+    prefs.set("numProcesses", "2");
+    prefs.set("deleteOriginal", false);
+    prefs.set("skipFilesOfSameType", true);
+    prefs.set("keepFilesInQueueAfterEncoding", false);
+    // Other suites put stand-ins in this slot; the real class goes back.
+    EncodeOperation::registerEncoderClass(
+        EncoderTypeCoreAudio, [] { return std::make_unique<CoreAudioEncodeOperation>(); });
+    ApplicationController controller;
+    test::RecordingInterface ui;
+    controller.setPersistsOutputFormats(false);
+    controller.setUserInterface(&ui);
+
+    const auto signal = test::makeSignal(22050, 2, 16, 9);
+    test::writeWav(in.file("pcm.wav"), signal, 2, 44100, 16);
+    ASSERT_EQ(test::runCommand("ffmpeg -v error -y -i " + test::shellQuote(in.file("pcm.wav")) +
+                               " -c:a alac " + test::shellQuote(in.file("lossless.m4a")))
+                  .exitCode,
+              0);
+    auto format = [](const char* fileType, const char* formatID, const char* extension) {
+        auto settings = std::make_shared<EncoderSettings>();
+        settings->setEnabled(true);
+        settings->setEncoderType(EncoderTypeCoreAudio);
+        settings->setFileType(code(fileType));
+        settings->setFormatID(code(formatID));
+        settings->setExtension(extension);
+        settings->setBitrate(192000);
+        return settings;
+    };
+    controller.setEncoderSettings({format("WAVE", "lpcm", "wav"), format("m4af", "aac ", "m4a")});
+    test::drop(controller, {in.file("pcm.wav"), in.file("lossless.m4a")});
+    controller.encode();
+    ASSERT_TRUE(test::runUntil([&] { return !controller.encoderRunning(); }));
+
+    EXPECT_FALSE(fs::exists(out.path() / "pcm.wav"));
+    for (const char* name : {"pcm.m4a", "lossless.m4a"}) {
+        const std::string codec =
+            test::runCommand("ffprobe -v error -show_entries stream=codec_name -of csv=p=0 " +
+                             test::shellQuote((out.path() / name).string()))
+                .output;
+        EXPECT_EQ(codec, "aac\n") << name;
+    }
+    const std::string wav = (out.path() / "lossless.wav").string();
+    ASSERT_TRUE(fs::exists(wav));
+    const auto raw =
+        test::runCommand("ffmpeg -v error -i " + test::shellQuote(wav) + " -f s16le - | md5sum")
+            .output;
+    EXPECT_EQ(raw.substr(0, 32), test::md5Hex(test::packLittleEndian(signal, 16)));
 }
