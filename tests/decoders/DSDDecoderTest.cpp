@@ -16,7 +16,6 @@
 #include "core/KDDecoder.h"
 #include "decoders/DSDDecoder.h"
 #include "decoders/DSDTestFiles.h"
-#include "decoders/DecoderRegistration.h"
 #include "decoders/VLXDSDFile.h"
 #include "platform/ErrorLog.h"
 #include "platform/UserDefaults.h"
@@ -119,7 +118,6 @@ double dB(double ratio) { return 20 * std::log10(ratio); }
 class DSDDecoderTest : public testing::Test {
 protected:
     void SetUp() override {
-        DecoderRegistration::registerAll();
         originalStore_ = UserDefaults::standardUserDefaults().storePath();
         UserDefaults::resetStandardUserDefaults(store_.path() / "defaults.json");
         setGain(0);

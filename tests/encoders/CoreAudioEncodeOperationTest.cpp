@@ -532,9 +532,6 @@ TEST(CoreAudioEncoderInABatchTest, FilesOfTheSameTypeAreSkippedAndTheRestEncoded
     prefs.set("deleteOriginal", false);
     prefs.set("skipFilesOfSameType", true);
     prefs.set("keepFilesInQueueAfterEncoding", false);
-    // Other suites put stand-ins in this slot; the real class goes back.
-    EncodeOperation::registerEncoderClass(
-        EncoderTypeCoreAudio, [] { return std::make_unique<CoreAudioEncodeOperation>(); });
     ApplicationController controller;
     test::RecordingInterface ui;
     controller.setPersistsOutputFormats(false);

@@ -11,16 +11,25 @@
 #include <vector>
 
 #include "core/KDDecoder.h"
-#include "decoders/DecoderRegistration.h"
+#include "core/FormatRegistry.h"
+#include "formats/FormatTable.h"
 #include "platform/Exception.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const char* const kExtensions[] = {"wv", "mpc", "ape", "tta", "mod", "s3m", "xm", "it"};
     if (size < 1)
         return 0;
-    velvox::DecoderRegistration::registerAll();
+    // The first byte picks a registry row (every family Velvox reads); the
+    // rest is the file, named with that row's first extension.
+    static const std::vector<const velvox::FormatEntry*> rows = [] {
+        velvox::FormatTable::installBuiltinFormats();
+        std::vector<const velvox::FormatEntry*> out;
+        for (const velvox::FormatEntry* entry : *velvox::FormatRegistry::entries())
+            if (!entry->extensions.empty())
+                out.push_back(entry);
+        return out;
+    }();
     const std::string path = "/tmp/velvox-fuzz-" + std::to_string(getpid()) + "." +
-                             kExtensions[data[0] % (sizeof kExtensions / sizeof *kExtensions)];
+                             rows[data[0] % rows.size()]->extensions.front();
     if (std::FILE* file = std::fopen(path.c_str(), "wb")) {
         std::fwrite(data + 1, 1, size - 1, file);
         std::fclose(file);
