@@ -4,6 +4,9 @@
 #include <mutex>
 
 #include "encoders/FLACEncodeOperation.h"
+#include "encoders/LibsndfileEncodeOperation.h"
+#include "encoders/OggFLACEncodeOperation.h"
+#include "encoders/TrueAudioEncodeOperation.h"
 #include "jobs/EncodeOperation.h"
 #include "jobs/EncoderType.h"
 
@@ -21,6 +24,11 @@ void EncoderRegistration::registerAll() {
     std::call_once(once, [] {
         EncodeOperation::registerEncoderClass(EncoderTypeFLAC, make<FLACEncodeOperation>);
         EncodeOperation::registerUpdateMetadataClass("FLAC", make<FLACEncodeOperation>);
+        EncodeOperation::registerEncoderClass(EncoderTypeOggFLAC, make<OggFLACEncodeOperation>);
+        EncodeOperation::registerUpdateMetadataClass("OggFLAC", make<OggFLACEncodeOperation>);
+        EncodeOperation::registerEncoderClass(EncoderTypeTrueAudio, make<TrueAudioEncodeOperation>);
+        EncodeOperation::registerUpdateMetadataClass("TrueAudio", make<TrueAudioEncodeOperation>);
+        EncodeOperation::registerEncoderClass(EncoderTypeSndFile, make<LibsndfileEncodeOperation>);
     });
 }
 
