@@ -31,6 +31,8 @@ namespace {
 // What the encoded-by tag names as the codec.
 constexpr const char* kCodecName = "libtta++ 2.2";
 constexpr int kIOBufferSize = 65536;
+// Room kept for the tags, beyond the picture's own size.
+constexpr size_t kTagRoom = 4096;
 
 [[noreturn]] void raiseTTA(const char* reason) { throw Exception("TTAException", reason); }
 
@@ -92,6 +94,8 @@ void TrueAudioEncodeOperation::setUpCodec(const std::string& tempFilePath) {
     file_ = std::make_unique<FileDescriptor>();
     file_->fd = ::open(tempFilePath.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
     VLX_ASSERT(file_->fd >= 0, "Unable to open output file");
+    if (UserDefaults::standardUserDefaults().boolForKey("writeMetadata"))
+        reserveTagRoom();
 
     const uint32_t channels = decoder() ? decoder()->decodeFormat().mChannelsPerFrame : 0;
     // What the stream description cannot hold (32-bit output, an odd rate
@@ -101,6 +105,25 @@ void TrueAudioEncodeOperation::setUpCodec(const std::string& tempFilePath) {
         raiseTTA("TTA Set Info Error - Unsupported Format");
     openEncoder(channels);
     openMuxer();
+}
+
+// The ID3v2 tag belongs at the start of the file. Written afterwards into a
+// file that has none, it would shift the whole file to make room; an empty
+// tag of padding written first lets TagLib fill it in place.
+void TrueAudioEncodeOperation::reserveTagRoom() {
+    const std::shared_ptr<AudioMetadata> record = metadata();
+    size_t room = kTagRoom;
+    if (record && record->albumArtwork() && record->albumArtwork()->data())
+        room += record->albumArtwork()->data()->size();
+    room = std::min<size_t>(room, 0x0FFFFFFF); // a syncsafe size holds 28 bits
+    std::vector<uint8_t> tag(10 + room, 0);
+    const uint8_t header[] = {'I', 'D', '3', 4, 0, 0};
+    std::memcpy(tag.data(), header, sizeof header);
+    for (int i = 0; i < 4; ++i)
+        tag[6 + i] = uint8_t((room >> (7 * (3 - i))) & 0x7F);
+    int fd = file_->fd;
+    VLX_ASSERT(writeToDescriptor(&fd, tag.data(), int(tag.size())) == int(tag.size()),
+               "Unable to write output file: %s", std::strerror(errno));
 }
 
 void TrueAudioEncodeOperation::openEncoder(uint32_t channels) {

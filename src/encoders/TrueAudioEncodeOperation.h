@@ -57,6 +57,7 @@ private:
         void operator()(AVFormatContext* context) const { avformat_free_context(context); }
     };
 
+    void reserveTagRoom();
     void openEncoder(uint32_t channels);
     void openMuxer();
     // Sends the gathered frame (or, with null, the end of stream) to the
