@@ -12,7 +12,6 @@
 #include <taglib/xiphcomment.h>
 
 #include "Version.h"
-#include "jobs/FormatSpecifiers.h"
 #include "platform/Exception.h"
 #include "platform/StringFormat.h"
 #include "platform/UserDefaults.h"
@@ -88,6 +87,19 @@ void FLACEncodeOperation::setUpCodec(const std::string& tempFilePath) {
     VLX_ASSERT(FLAC__stream_encoder_set_verify(encoder, false),
                "FLAC__stream_encoder_set_verify Failed: %s", resolvedState());
 
+    addMetadataAndStart(tempFilePath);
+}
+
+FLAC__StreamMetadata* FLACEncodeOperation::makePadding() {
+    padding_.reset(FLAC__metadata_object_new(FLAC__METADATA_TYPE_PADDING));
+    VLX_ASSERT(padding_ != nullptr,
+               "FLAC__metadata_object_new(FLAC__METADATA_TYPE_PADDING) Failed.");
+    padding_->length = kPaddingBytes;
+    return padding_.get();
+}
+
+void FLACEncodeOperation::addMetadataAndStart(const std::string& tempFilePath) {
+    FLAC__StreamEncoder* encoder = flac.get();
     seekTable_.reset(FLAC__metadata_object_new(FLAC__METADATA_TYPE_SEEKTABLE));
     VLX_ASSERT(seekTable_ != nullptr, "FLAC__metadata_object_new Failed.");
     // An unknown length (-1) gets what a length of 0 gets: the point at 0.
@@ -101,12 +113,7 @@ void FLACEncodeOperation::setUpCodec(const std::string& tempFilePath) {
     VLX_ASSERT(FLAC__metadata_object_seektable_template_sort(seekTable_.get(), true),
                "FLAC__metadata_object_seektable_template_sort Failed");
 
-    padding_.reset(FLAC__metadata_object_new(FLAC__METADATA_TYPE_PADDING));
-    VLX_ASSERT(padding_ != nullptr,
-               "FLAC__metadata_object_new(FLAC__METADATA_TYPE_PADDING) Failed.");
-    padding_->length = kPaddingBytes;
-
-    FLAC__StreamMetadata* blocks[] = {seekTable_.get(), padding_.get()};
+    FLAC__StreamMetadata* blocks[] = {seekTable_.get(), makePadding()};
     VLX_ASSERT(FLAC__stream_encoder_set_metadata(encoder, blocks, 2),
                "FLAC__stream_encoder_set_metadata failed: %s", resolvedState());
 
@@ -199,6 +206,13 @@ void FLACEncodeOperation::releaseCodec() noexcept {
     channelPointers_.clear();
 }
 
+std::optional<std::string> FLACEncodeOperation::encodedByText() {
+    if (!UserDefaults::standardUserDefaults().boolForKey("writeEncodedByMetadataTag"))
+        return std::nullopt;
+    return stringWithFormat("FLAC %s via Velvox %@", FLAC__VERSION_STRING,
+                            std::string(kVelvoxShortVersion));
+}
+
 void FLACEncodeOperation::writeMetadata() {
     const std::optional<std::string> temp = tempFilePath();
     std::error_code ec;
@@ -208,19 +222,9 @@ void FLACEncodeOperation::writeMetadata() {
     if (!file.isValid())
         return;
 
-    UserDefaults& defaults = UserDefaults::standardUserDefaults();
-    std::optional<std::string> encodedBy;
-    if (defaults.boolForKey("writeEncodedByMetadataTag"))
-        encodedBy = stringWithFormat("FLAC %s via Velvox %@", FLAC__VERSION_STRING,
-                                     std::string(kVelvoxShortVersion));
-
     const std::shared_ptr<AudioMetadata> record = metadata();
-    std::optional<std::string> comment;
-    if (defaults.boolForKey("writeFormatStringToComments"))
-        comment = expandFormatSpecifiers(defaults.stringForKey("commentsFormatString"),
-                                         record.get(), settings().get(), inFilePath(), false);
-    else if (record)
-        comment = record->trackComment();
+    const std::optional<std::string> encodedBy = encodedByText();
+    const std::optional<std::string> comment = commentText();
 
     // Created when missing, so that a file without a comment block (one
     // edited by another tool) still gets its tags.

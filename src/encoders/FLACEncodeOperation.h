@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -37,7 +38,13 @@ protected:
     void finishCodec() override;
     void releaseCodec() noexcept override;
 
-private:
+    // The part of the set-up that differs by container: the metadata blocks
+    // and starting the encoder on the temporary path. The encoder has its
+    // stream parameters, compression and verify setting when it is called.
+    virtual void addMetadataAndStart(const std::string& tempFilePath);
+    // "FLAC <version> via Velvox <version>" when the preferences ask for it.
+    static std::optional<std::string> encodedByText();
+
     struct EncoderDeleter {
         void operator()(FLAC__StreamEncoder* encoder) const;
     };
@@ -47,6 +54,8 @@ private:
 
     // libFLAC's view of what went wrong, for assertion texts.
     const char* resolvedState() const;
+    // A fresh 8 KiB padding block in padding_.
+    FLAC__StreamMetadata* makePadding();
 
     // The blocks must outlive the encoder, which reads them until it has
     // finished (the seek table is filled in then), so they are declared first
@@ -55,6 +64,7 @@ private:
     std::unique_ptr<FLAC__StreamMetadata, MetadataDeleter> padding_;
     std::unique_ptr<FLAC__StreamEncoder, EncoderDeleter> flac;
 
+private:
     // Per-channel sample arrays for libFLAC, kept between chunks.
     std::vector<std::vector<FLAC__int32>> channelBuffers_;
     std::vector<const FLAC__int32*> channelPointers_;

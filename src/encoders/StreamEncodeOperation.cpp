@@ -11,6 +11,7 @@
 
 #include "core/KDChannelMixer.h"
 #include "core/UtilityFunctions.h"
+#include "jobs/FormatSpecifiers.h"
 #include "platform/AudioConverter.h"
 #include "platform/ErrorLog.h"
 #include "platform/Exception.h"
@@ -94,6 +95,17 @@ StreamEncodeOperation::outputSampleRate(const AudioStreamBasicDescription& decod
     return sampleRate != 0 ? double(sampleRate) : decodeFormat.mSampleRate;
 }
 
+std::optional<std::string> StreamEncodeOperation::commentText() {
+    UserDefaults& defaults = UserDefaults::standardUserDefaults();
+    const std::shared_ptr<AudioMetadata> record = metadata();
+    if (defaults.boolForKey("writeFormatStringToComments"))
+        return expandFormatSpecifiers(defaults.stringForKey("commentsFormatString"), record.get(),
+                                      settings().get(), inFilePath(), false);
+    if (record)
+        return record->trackComment();
+    return std::nullopt;
+}
+
 // ---- The loop ----
 
 void StreamEncodeOperation::main() {
@@ -162,8 +174,10 @@ void StreamEncodeOperation::logFailure(const std::string& format, const std::str
 // for good, since nothing moves or deletes them later.
 void StreamEncodeOperation::removeTemporaryFilesAfterFailure() {
     std::error_code ec;
-    if (const auto temp = tempFilePath())
+    if (const auto temp = tempFilePath()) {
         std::filesystem::remove(*temp, ec);
+        std::filesystem::remove(companionPath(*temp), ec);
+    }
     if (const auto decoded = decodeFilePath())
         std::filesystem::remove(*decoded, ec);
 }

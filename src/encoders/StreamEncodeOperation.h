@@ -13,6 +13,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "core/KDDecoder.h"
@@ -92,6 +93,10 @@ protected:
     virtual void releaseCodec() noexcept = 0;
     // After moveEncodedFileToOutputLocation() on success.
     virtual void didMoveEncodedFile() {}
+    // The comment tag's text for writeMetadata(): the expanded comments
+    // format string when the preferences ask for it, else the source's own
+    // comment. Tagging thread.
+    std::optional<std::string> commentText();
     // The failure line for the last stage (moving into place, saving the
     // artwork); the same as encodeFailedText() unless an encoder differs.
     virtual std::string moveFailedText() const { return encodeFailedText(); }

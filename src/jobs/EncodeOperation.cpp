@@ -315,10 +315,7 @@ void EncodeOperation::moveEncodedFileToOutputLocation() {
         } else {
             const std::string unique = *claimed;
             std::string finalPath = unique;
-            // Some writers (Sound Designer II) leave an AppleDouble companion
-            // "._name" beside the file; it travels with it.
-            const fs::path companion =
-                fs::path(*temp).parent_path() / ("._" + fs::path(*temp).filename().string());
+            const fs::path companion = companionPath(*temp);
 
             const bool existsNow = fs::exists(*out, ec);
             const bool overwrite = defaults.boolForKey("overwriteOutputFiles");
@@ -346,10 +343,7 @@ void EncodeOperation::moveEncodedFileToOutputLocation() {
             }
             if (fs::exists(companion, ec)) {
                 std::string companionError;
-                FileManager::moveItem(companion,
-                                      fs::path(finalPath).parent_path() /
-                                          ("._" + fs::path(finalPath).filename().string()),
-                                      companionError);
+                FileManager::moveItem(companion, companionPath(finalPath), companionError);
             }
             FileManager::clearQuarantine(finalPath);
             // The file is where it is: the path the batch knows must say so.
@@ -358,10 +352,17 @@ void EncodeOperation::moveEncodedFileToOutputLocation() {
                 onMainThread([&] { delegate_->addCreatedOutputPath(finalPath); });
         }
     }
-    if (temp)
+    if (temp) {
         fs::remove(*temp, ec);
+        fs::remove(companionPath(*temp), ec);
+    }
     if (const auto decoded = decodeFilePath())
         fs::remove(*decoded, ec);
+}
+
+std::string EncodeOperation::companionPath(const std::string& path) {
+    const fs::path p(path);
+    return (p.parent_path() / ("._" + p.filename().string())).string();
 }
 
 void EncodeOperation::deletePartiallyEncodedFileIfCancelled() {
@@ -370,6 +371,7 @@ void EncodeOperation::deletePartiallyEncodedFileIfCancelled() {
     if (const auto temp = tempFilePath()) {
         std::error_code ec;
         fs::remove(*temp, ec);
+        fs::remove(companionPath(*temp), ec);
     }
 }
 

@@ -55,6 +55,9 @@ public:
     bool determineOutputPath();
     void moveEncodedFileToOutputLocation();
     void deletePartiallyEncodedFileIfCancelled();
+    // The AppleDouble companion "._name" that some writers (libsndfile's
+    // Sound Designer II) leave beside a file; it goes where the file goes.
+    static std::string companionPath(const std::string& path);
     void updateMetadataOnly();
     void saveAlbumArtworkToFile();
 
