@@ -4,6 +4,7 @@
 #include <mutex>
 
 #include "encoders/FLACEncodeOperation.h"
+#include "encoders/MonkeysAudioEncodeOperation.h"
 #include "jobs/EncodeOperation.h"
 #include "jobs/EncoderType.h"
 
@@ -21,6 +22,10 @@ void EncoderRegistration::registerAll() {
     std::call_once(once, [] {
         EncodeOperation::registerEncoderClass(EncoderTypeFLAC, make<FLACEncodeOperation>);
         EncodeOperation::registerUpdateMetadataClass("FLAC", make<FLACEncodeOperation>);
+        EncodeOperation::registerEncoderClass(EncoderTypeMonkeysAudio,
+                                              make<MonkeysAudioEncodeOperation>);
+        EncodeOperation::registerUpdateMetadataClass("MonkeysAudio",
+                                                     make<MonkeysAudioEncodeOperation>);
     });
 }
 
