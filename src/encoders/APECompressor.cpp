@@ -20,10 +20,12 @@ constexpr uint32_t kDescriptorBytes = 52;
 constexpr uint32_t kHeaderBytes = 24;
 // No wave header is stored; decoders make one from the fields.
 constexpr uint16_t kFlagCreateWaveHeader = 32;
-// Blocks per frame: the same for every level up to Extra High; Insane
-// frames are sixteen times longer, so that its long filters pay off.
-constexpr uint32_t kBlocksPerFrame = 73728;
-constexpr uint32_t kInsaneBlocksPerFrame = 73728 * 16;
+// Blocks per frame: longer frames for the levels with long filters, which
+// need many samples to adapt after every frame's reset.
+uint32_t blocksPerFrame(int level) {
+    constexpr uint32_t kBase = 73728;
+    return level == 5000 ? kBase * 16 : level == 4000 ? kBase * 4 : kBase;
+}
 constexpr size_t kCopyBytes = 1 << 20;
 
 void putLE16(uint8_t* p, uint32_t v) {
@@ -71,7 +73,7 @@ int APECompressor::start(const std::string& path, const APEWaveFormat& format,
         return kErrorBadParameter;
     format_ = checked;
     level_ = level;
-    blocksPerFrame_ = level == 5000 ? kInsaneBlocksPerFrame : kBlocksPerFrame;
+    blocksPerFrame_ = blocksPerFrame(level);
     const uint64_t frameBytes = uint64_t(blocksPerFrame_) * format_.blockAlign;
     seekTableEntries_ =
         maxAudioBytes > 0 ? uint32_t((uint64_t(maxAudioBytes) + frameBytes - 1) / frameBytes) : 1;
