@@ -113,7 +113,7 @@ TEST_F(MonkeysAudioEncodeOperationTest, FLACAndWaveSourcesDecodeBitExactly) {
         int level;
     } cases[] = {
         {"stereo16", 2, 16, 44100, true, 2000},
-        {"mono24", 1, 24, 96000, true, 4000},
+        {"mono24", 1, 24, 96000, true, 3000},
         {"stereo8", 2, 8, 22050, false, 1000},
     };
     for (const Case& c : cases) {
