@@ -1,0 +1,227 @@
+// The Monkey's Audio encoder end to end: real sources in through the shared
+// encode loop, APE files out, decoded by FFmpeg, tags read by mutagen.
+
+#include <cstdlib>
+#include <filesystem>
+#include <optional>
+
+#include <gtest/gtest.h>
+
+#include "Version.h"
+#include "encoders/EncoderTestHarness.h"
+#include "encoders/MonkeysAudioEncodeOperation.h"
+#include "metadata/AlbumArtwork.h"
+#include "support/TestSupport.h"
+
+using namespace velvox;
+namespace fs = std::filesystem;
+
+namespace {
+
+const std::string kPython = "/usr/bin/python3";
+
+// Points the temporary folder somewhere empty for one test.
+class PrivateTemporaryFolder {
+public:
+    PrivateTemporaryFolder() {
+        if (const char* old = std::getenv("TMPDIR"))
+            saved_ = old;
+        setenv("TMPDIR", dir_.path().c_str(), 1);
+    }
+    ~PrivateTemporaryFolder() {
+        if (saved_)
+            setenv("TMPDIR", saved_->c_str(), 1);
+        else
+            unsetenv("TMPDIR");
+    }
+    bool isEmpty() const { return fs::is_empty(dir_.path()); }
+
+private:
+    test::TempDir dir_;
+    std::optional<std::string> saved_;
+};
+
+class CancellingMonkeysAudioEncodeOperation : public MonkeysAudioEncodeOperation {
+public:
+    void encodeChunk(const AudioBufferList& list, uint32_t frames) override {
+        MonkeysAudioEncodeOperation::encodeChunk(list, frames);
+        if (++chunks == 3)
+            cancel();
+    }
+    int chunks = 0;
+};
+
+class MonkeysAudioEncodeOperationTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        for (const char* tool : {"ffmpeg", "flac", "sox"})
+            ASSERT_TRUE(test::haveTool(tool)) << tool << " is not installed";
+        prefs.set("outputSameAsSource", false);
+        prefs.set("destinationDirectory", dir.file("out"));
+        prefs.set("writeMetadata", true);
+        prefs.set("writeEncodedByMetadataTag", true);
+        prefs.set("writeFormatStringToComments", false);
+        prefs.set("saveAlbumArtworkToFile", false);
+        prefs.set("overwriteOutputFiles", false);
+        settings = std::make_shared<EncoderSettings>();
+        settings->setEncoderType(EncoderTypeMonkeysAudio);
+        settings->setExtension("ape");
+        settings->setMacCompressionLevel(2000);
+    }
+
+    template <typename Operation = MonkeysAudioEncodeOperation>
+    std::unique_ptr<Operation>
+    run(const std::string& in,
+        std::shared_ptr<AudioMetadata> metadata = std::make_shared<AudioMetadata>()) {
+        auto op = std::make_unique<Operation>();
+        op->initWithFilePath(in, in);
+        op->setSettings(settings);
+        op->setDelegate(&batch);
+        if (metadata)
+            op->setMetadata(std::move(metadata));
+        test::runToEnd(*op);
+        return op;
+    }
+
+    std::vector<uint8_t> decoded(const std::string& ape, uint32_t bits) {
+        const char* format = bits == 8 ? "s8" : bits == 16 ? "s16le" : "s24le";
+        const std::string raw = dir.file("decoded.raw");
+        EXPECT_EQ(test::runCommand("ffmpeg -v error -y -i " + test::shellQuote(ape) +
+                                   " -map 0:a -f " + format + " " + test::shellQuote(raw))
+                      .exitCode,
+                  0);
+        return test::readFile(raw);
+    }
+
+    bool outputFolderIsEmpty() const {
+        return !fs::exists(dir.file("out")) || fs::is_empty(dir.file("out"));
+    }
+
+    test::TempDir dir;
+    test::Preferences prefs;
+    test::Batch batch;
+    std::shared_ptr<EncoderSettings> settings;
+};
+
+} // namespace
+
+TEST_F(MonkeysAudioEncodeOperationTest, FLACAndWaveSourcesDecodeBitExactly) {
+    struct Case {
+        const char* name;
+        uint32_t channels, bits, rate;
+        bool flac;
+        int level;
+    } cases[] = {
+        {"stereo16", 2, 16, 44100, true, 2000},
+        {"mono24", 1, 24, 96000, true, 3000},
+        {"stereo8", 2, 8, 22050, false, 1000},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        settings->setMacCompressionLevel(c.level);
+        const auto signal = test::makeSignal(c.rate * 2 + 77, c.channels, c.bits, 5);
+        std::string source = dir.file(std::string(c.name) + ".wav");
+        test::writeWav(source, signal, c.channels, c.rate, c.bits);
+        if (c.flac) {
+            const std::string flac = dir.file(std::string(c.name) + ".flac");
+            ASSERT_EQ(test::runCommand("flac -s -f -o " + test::shellQuote(flac) + " " +
+                                       test::shellQuote(source))
+                          .exitCode,
+                      0);
+            source = flac;
+        }
+        test::LogWatch log;
+        auto op = run(source);
+        ASSERT_TRUE(op->success()) << testing::PrintToString(log.lines());
+        const std::string out = dir.file("out/" + std::string(c.name) + ".ape");
+        ASSERT_EQ(op->outFilePath(), out);
+        EXPECT_TRUE(test::sameBytes(decoded(out, c.bits), test::packLittleEndian(signal, c.bits)));
+    }
+}
+
+TEST_F(MonkeysAudioEncodeOperationTest, TagsAndPictureArriveAsAPEv2AndRetaggingKeepsTheAudio) {
+    const auto signal = test::makeSignal(50000, 2, 16, 9);
+    const std::string in = dir.file("tagged.wav");
+    test::writeWav(in, signal, 2, 44100, 16);
+    auto record = std::make_shared<AudioMetadata>();
+    record->setTrackTitle("Ünïcode Title");
+    record->setTrackArtist("Artist");
+    record->setTrackNumber(4);
+    record->setTrackYear(2001);
+    auto art = std::make_shared<AlbumArtwork>();
+    // A PNG signature and bytes of every value: the tag must carry them as is.
+    std::vector<uint8_t> png = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
+    for (int i = 0; i < 600; ++i)
+        png.push_back(uint8_t(i * 7));
+    art->setData(png);
+    art->setArtworkType(3);
+    art->setOriginalFilename(std::string("cover.png"));
+    record->setAlbumArtwork(art);
+
+    auto op = run(in, record);
+    ASSERT_TRUE(op->success());
+    const std::string out = *op->outFilePath();
+    const std::vector<uint8_t> pcm = decoded(out, 16);
+    EXPECT_TRUE(test::sameBytes(pcm, test::packLittleEndian(signal, 16)));
+
+    auto readTags = [&](const std::string& path) {
+        return test::runCommand(
+                   kPython +
+                   " -c 'import sys; from mutagen.apev2 import APEv2; t = APEv2(sys.argv[1]); "
+                   "print(\"|\".join(str(t[k]) for k in (\"Title\", \"Artist\", \"Track\", "
+                   "\"Year\", \"EncodedBy\"))); c = t[\"Cover Art (front)\"].value; "
+                   "print(c.split(b\"\\0\")[0].decode(), len(c))' " +
+                   test::shellQuote(path))
+            .output;
+    };
+    const std::string encodedBy = std::string("MAC ") +
+                                  MonkeysAudioEncodeOperation::compressorVersion() +
+                                  " via Velvox " + std::string(kVelvoxShortVersion);
+    EXPECT_EQ(readTags(out), "Ünïcode Title|Artist|4|2001|" + encodedBy + "\ncover.png " +
+                                 std::to_string(10 + png.size()) + "\n");
+
+    // Re-tagging the finished file in place: new text, same audio.
+    record->setTrackTitle("A much longer title than the one before, so the tag grows");
+    settings->setEncoderAction(EncoderActionUpdateMetadata);
+    auto update = run(out, record);
+    ASSERT_TRUE(update->success());
+    EXPECT_EQ(readTags(out).substr(0, 58),
+              "A much longer title than the one before, so the tag grows|");
+    EXPECT_TRUE(test::sameBytes(decoded(out, 16), pcm));
+}
+
+TEST_F(MonkeysAudioEncodeOperationTest, CancelAndBadInputLeaveNothingBehind) {
+    PrivateTemporaryFolder temporary;
+    {
+        SCOPED_TRACE("cancelled");
+        const std::string in = dir.file("long.wav");
+        test::writeWav(in, test::makeSignal(44100 * 20, 2, 16), 2, 44100, 16);
+        auto op = run<CancellingMonkeysAudioEncodeOperation>(in);
+        // Cancellation is looked at every eight chunks, far before the end.
+        EXPECT_EQ(op->chunks, 8);
+        EXPECT_TRUE(outputFolderIsEmpty());
+        EXPECT_TRUE(temporary.isEmpty());
+    }
+    {
+        SCOPED_TRACE("damaged input");
+        const std::string in = dir.file("damaged.flac");
+        test::writeFile(in, {'f', 'L', 'a', 'C', 0, 0, 0, 34, 1, 2, 3});
+        test::LogWatch log;
+        auto op = run(in);
+        EXPECT_FALSE(op->success());
+        EXPECT_FALSE(log.lines().empty());
+        EXPECT_TRUE(outputFolderIsEmpty());
+        EXPECT_TRUE(temporary.isEmpty());
+    }
+    {
+        SCOPED_TRACE("six channels");
+        const std::string in = dir.file("surround.wav");
+        test::writeWav(in, test::makeSignal(4000, 6, 16), 6, 48000, 16, 0x3F);
+        settings->setChannelMode(0);
+        test::LogWatch log;
+        auto op = run(in);
+        EXPECT_FALSE(op->success());
+        EXPECT_TRUE(outputFolderIsEmpty());
+        EXPECT_TRUE(temporary.isEmpty());
+    }
+}
