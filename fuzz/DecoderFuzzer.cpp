@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "core/KDDecoder.h"
 #include "core/FormatRegistry.h"
+#include "core/KDDecoder.h"
 #include "formats/FormatTable.h"
 #include "platform/Exception.h"
 

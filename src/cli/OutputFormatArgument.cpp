@@ -1,7 +1,6 @@
 #include "cli/OutputFormatArgument.h"
 
 #include <map>
-#include <set>
 
 #include "jobs/EncoderDescriptor.h"
 #include "jobs/EncoderSettings.h"
@@ -71,10 +70,10 @@ std::unique_ptr<EncoderSettings> OutputFormatArgument::parse(const std::string& 
                          "' (types this build writes: " + joined(typeNames()) + ")");
     }
 
-    nlohmann::json dictionary = encoder->defaultDictionary(preset);
     // Stored key -> the key as written, to refuse one field given twice
     // (also under two names, as "level" and "flacCompressionLevel").
     std::map<std::string, std::string> given;
+    nlohmann::json values = nlohmann::json::object();
     if (colon != std::string::npos) {
         for (const auto& [key, value] : keyValues(text.substr(colon + 1), text)) {
             const SettingSpec* spec = encoder->settingNamed(key);
@@ -90,29 +89,14 @@ std::unique_ptr<EncoderSettings> OutputFormatArgument::parse(const std::string& 
                                  (*spec->expected
                                       ? std::string(" (expected ") + spec->expected + ")"
                                       : std::string()));
-            dictionary[spec->key] = *parsed;
+            values[spec->key] = *parsed;
         }
     }
-
-    // A bit rate given on its own is meant to be used: switch an encoder
-    // whose default method would ignore it to the method that uses it.
-    if (given.count("bitrate") && !given.count("method") && !given.count("vbrQuality") &&
-        encoder->methodForBitrateAlone >= 0)
-        dictionary["method"] = encoder->methodForBitrateAlone;
-
-    auto settings = EncoderSettings::settingsWithDictionary(dictionary);
-    if (encoder->complete) {
-        std::set<std::string> keys;
-        for (const auto& [key, written] : given)
-            keys.insert(key);
-        if (preset)
-            for (const auto& [key, value] : preset->values.items())
-                keys.insert(key);
-        try {
-            encoder->complete(*settings, keys);
-        } catch (const std::invalid_argument& e) {
-            throw UsageError(std::string(e.what()) + " in '" + text + "'");
-        }
+    std::unique_ptr<EncoderSettings> settings;
+    try {
+        settings = encoder->makeSettings(preset, values);
+    } catch (const std::invalid_argument& e) {
+        throw UsageError(std::string(e.what()) + " in '" + text + "'");
     }
     return settings;
 }

@@ -71,6 +71,12 @@ int APECompressor::start(const std::string& path, const APEWaveFormat& format,
         return kErrorUnsupportedFormat;
     if (level != 1000 && level != 2000 && level != 3000 && level != 4000 && level != 5000)
         return kErrorBadParameter;
+    // FFmpeg's decoder (5.1) reads loud 24-bit audio at the two highest
+    // levels differently from these filters, although jmac agrees with them.
+    // A file the most common decoder gets wrong would lose the user's audio,
+    // so those pairings are refused rather than written.
+    if (checked.bitsPerSample == 24 && level >= 4000)
+        return kErrorUnsupportedFormat;
     format_ = checked;
     level_ = level;
     blocksPerFrame_ = blocksPerFrame(level);

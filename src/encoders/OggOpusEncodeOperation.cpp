@@ -120,6 +120,7 @@ void OggOpusEncodeOperation::setUpCodec(const std::string& tempFilePath) {
     frame_size = int32_t(perPacket == 0 ? 960 : perPacket) / (48000 / coding_rate);
 
     header_ = OpusHeader();
+    header_.version = 1;
     header_.channels = sourceChannels;
     header_.gain = 0;
     header_.input_sample_rate = uint32_t(sourceSampleRate_);
@@ -130,7 +131,8 @@ void OggOpusEncodeOperation::setUpCodec(const std::string& tempFilePath) {
     createEncoder();
     configureEncoder();
     createResampler();
-    header_.preskip = int((int64_t(lookahead_) + resamplerLatency_) * kGranuleRate / coding_rate);
+    header_.preskip =
+        uint32_t((int64_t(lookahead_) + resamplerLatency_) * kGranuleRate / coding_rate);
 
     max_frame_bytes = 3832 * header_.nb_streams;
     try {
@@ -156,7 +158,7 @@ void OggOpusEncodeOperation::createEncoder() {
     int error = OPUS_OK;
     st.reset(opus_multistream_surround_encoder_create(
         coding_rate, sourceChannels, header_.channel_mapping, &header_.nb_streams,
-        &header_.nb_coupled, header_.stream_map, application, &error));
+        &header_.nb_coupled, header_.stream_map.data(), application, &error));
     VLX_ASSERT(st != nullptr && error == OPUS_OK, "Error cannot create encoder: %s\n",
                opus_strerror(error));
 }

@@ -5,6 +5,7 @@
 #include "decoders/FLACDecoder.h"
 #include "decoders/OggFLACDecoder.h"
 #include "encoders/FLACEncodeOperation.h"
+#include "encoders/OggFLACEncodeOperation.h"
 #include "formats/CommonSettings.h"
 #include "jobs/EncoderDescriptor.h"
 #include "metadata/AudioMetadata.h"
@@ -58,6 +59,18 @@ const EncoderDescriptor kFLACEncoder{
     .reference = {.argv = {"flac", "-d", "-s", "-f", "-o", "{out}", "{in}"}, .lossless = true},
 };
 
+const EncoderDescriptor kOggFLACEncoder{
+    .encoderType = EncoderTypeOggFLAC,
+    .formatName = "oggflac",
+    .className = "OggFLACEncodeOperation",
+    .make = makeEncoder<OggFLACEncodeOperation>,
+    .settings = flacSettings("oga"),
+    .tagKinds = {"Xiph comment", "METADATA_BLOCK_PICTURE"},
+    .samples = kFLACSamples,
+    .reference = {.argv = {"flac", "-d", "--ogg", "-s", "-f", "-o", "{out}", "{in}"},
+                  .lossless = true},
+};
+
 const DecoderClass kFLACDecoder{"FLACDecoder", makeDecoder<FLACDecoder>};
 const DecoderClass kOggFLACDecoder{"OggFLACDecoder", makeDecoder<OggFLACDecoder>};
 
@@ -80,6 +93,7 @@ const FormatEntry kOggFLACFormat{
     .oggStreamType = OggStreamTypeFLAC,
     .decoder = &kOggFLACDecoder,
     .readMetadata = &AudioMetadata::metadataFromOggFLACFile,
+    .encoder = &kOggFLACEncoder,
 };
 
 } // namespace velvox

@@ -18,17 +18,13 @@ void FormatTable::installBuiltinFormats() {
     // holds a file's extension wins.
     FormatRegistry::install(
         {
-            &kFLACFormat,
-            &kRealMediaFormat,
-            &kVideoFormat,
-            &kWindowsMediaFormat,
-            &kASFFormat,
-            &kOggFLACFormat,
-            &kMP3Format,
-            &kMP4Format,
-            &kAIFFFormat,
-            &kWAVEFormat,
-            &kCoreAudioFormat,
+            &kFLACFormat,         &kRealMediaFormat, &kVideoFormat,
+            &kWindowsMediaFormat, &kASFFormat,       &kMonkeysAudioFormat,
+            &kMusepackFormat,     &kWavPackFormat,   &kTrueAudioFormat,
+            &kModFormat,          &kDSDFormat,       &kOggVorbisFormat,
+            &kOggFLACFormat,      &kOggSpeexFormat,  &kOggOpusFormat,
+            &kMP3Format,          &kMP4Format,       &kAIFFFormat,
+            &kWAVEFormat,         &kCoreAudioFormat, &kSoundDesignerIIFormat,
         },
         {&kCoreAudioDecoderClass, &kFFMPEGDecoderClass});
 }

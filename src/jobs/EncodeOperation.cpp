@@ -235,6 +235,10 @@ bool EncodeOperation::determineOutputPath() {
         return false;
     }
 
+    // Any number chosen below is only a preview: other jobs may take it
+    // before this one finishes, so the move claims a free name again from
+    // the path itself.
+    outputBasePath_ = path;
     std::error_code ec;
     if (fs::exists(path, ec)) {
         outputFileExistedBeforeEncode_ = true;
@@ -260,9 +264,6 @@ bool EncodeOperation::determineOutputPath() {
     } else {
         setOutFilePath(uniquePathForPath(path));
     }
-    // The number chosen now is only a preview: other jobs may take it before
-    // this one finishes, so the move claims a free name again from here.
-    outputBasePath_ = path;
     return true;
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "core/FormatRegistry.h"
+#include "jobs/EncoderSettings.h"
 #include "platform/StringFormat.h"
 
 namespace velvox {
@@ -54,6 +55,28 @@ nlohmann::json EncoderDescriptor::defaultDictionary(const FormatPreset* preset) 
         for (const auto& [key, value] : preset->values.items())
             dictionary[key] = value;
     return dictionary;
+}
+
+std::unique_ptr<EncoderSettings>
+EncoderDescriptor::makeSettings(const FormatPreset* preset, const nlohmann::json& values) const {
+    nlohmann::json dictionary = defaultDictionary(preset);
+    std::set<std::string> given;
+    if (preset)
+        for (const auto& [key, value] : preset->values.items())
+            given.insert(key);
+    for (const auto& [key, value] : values.items()) {
+        dictionary[key] = value;
+        given.insert(key);
+    }
+    // A bit rate given on its own is meant to be used: switch an encoder
+    // whose default method would ignore it to the method that uses it.
+    if (given.count("bitrate") && !given.count("method") && !given.count("vbrQuality") &&
+        methodForBitrateAlone >= 0)
+        dictionary["method"] = methodForBitrateAlone;
+    auto settings = EncoderSettings::settingsWithDictionary(dictionary);
+    if (complete)
+        complete(*settings, given);
+    return settings;
 }
 
 const SettingSpec* EncoderDescriptor::settingNamed(const std::string& word) const {

@@ -7,6 +7,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -27,6 +28,13 @@ struct FormatPreset {
     const char* name;
     const char* summary;
     nlohmann::json values;
+    // Whether the preset's output decodes to the source exactly, and the
+    // sample sizes it takes as they stand (empty: the encoder's).
+    bool lossless = true;
+    std::vector<uint32_t> bitDepths = {};
+    // The tag kinds its container holds, when they are fewer than the
+    // encoder's.
+    std::optional<std::vector<const char*>> tagKinds = std::nullopt;
 };
 
 // What PCM the encoder takes without an explicit conversion.
@@ -75,6 +83,12 @@ struct EncoderDescriptor {
 
     // The dictionary of a new format: defaults, fixed values, then the preset's.
     nlohmann::json defaultDictionary(const FormatPreset* preset) const;
+    // A complete format: the defaults, the preset, then `values` (stored
+    // keys), settled by `complete`. Throws std::invalid_argument for a
+    // format this encoder cannot write.
+    std::unique_ptr<EncoderSettings>
+    makeSettings(const FormatPreset* preset,
+                 const nlohmann::json& values = nlohmann::json::object()) const;
     const SettingSpec* settingNamed(const std::string& word) const;
 };
 

@@ -62,7 +62,11 @@ TEST(OutputFormatArgument, BadFormatsNameWhatIsWrong) {
         {"ape:level=6", "bad value '6' for 'level'"},
         {"mp3:bitrate=500", "bad value '500' for 'bitrate'"},
         {"mp3:quality=11", "bad value '11' for 'quality'"},
-        {"opus:bitrate=128", "bad value '128' for 'bitrate'"},
+        {"opus:bitrate=0.5k", "bad value '0.5k' for 'bitrate'"},
+        {"mp3:V=10", "bad value '10' for 'V'"},
+        {"coreaudio:codec=aach", "The Core Audio Encoder Can Not Write"},
+        {"aac:codec=samr", "The Core Audio Encoder Can Not Write"},
+        {"wav:endian=middle", "bad value 'middle' for 'endian'"},
         {"opus:method=abr", "bad value 'abr' for 'method'"},
         {"opus:frames=100", "bad value '100' for 'frames'"},
         {"vorbis:method=cvbr", "bad value 'cvbr' for 'method'"},
@@ -77,4 +81,28 @@ TEST(OutputFormatArgument, BadFormatsNameWhatIsWrong) {
         const std::string message = refusal(c.format);
         EXPECT_NE(message.find(c.message), std::string::npos) << message;
     }
+}
+
+TEST(OutputFormatArgument, TypesPresetsAndUnitsComeFromTheSchema) {
+    // kbit/s on the command line, bit/s where the record keeps bit/s.
+    EXPECT_EQ(OutputFormatArgument::parse("opus:bitrate=96")->bitrate(), 96000);
+    EXPECT_EQ(OutputFormatArgument::parse("mp3:method=cbr,bitrate=320k")->bitrate(), 320);
+    // LAME's -V scale, stored the other way round.
+    EXPECT_EQ(OutputFormatArgument::parse("mp3:V=0")->vbrQuality(), 10);
+    EXPECT_EQ(OutputFormatArgument::parse("mp3")->vbrQuality(), 8);
+    // A bit rate alone switches a VBR default to the method that uses it.
+    EXPECT_EQ(OutputFormatArgument::parse("mp3:bitrate=128")->bitrateMethod(), BitrateMethodCBR);
+    // Presets settle container, codec, extension and byte order.
+    const auto aiff = OutputFormatArgument::parse("aiff:bits=24");
+    EXPECT_EQ(aiff->encoderType(), EncoderTypeCoreAudio);
+    EXPECT_EQ(aiff->fileType(), fourCharCode("AIFF"));
+    EXPECT_EQ(aiff->formatID(), kAudioFormatLinearPCM);
+    EXPECT_EQ(aiff->extension(), "aiff");
+    EXPECT_TRUE(aiff->formatFlags() & kAudioFormatFlagIsBigEndian);
+    EXPECT_EQ(aiff->completeDescription(), "AIFF - LPCM - 24 bit BE");
+    const auto alac = OutputFormatArgument::parse("alac");
+    EXPECT_EQ(alac->formatID(), kAudioFormatAppleLossless);
+    EXPECT_EQ(alac->extension(), "m4a");
+    EXPECT_EQ(OutputFormatArgument::parse("ape:level=insane")->macCompressionLevel(), 5000);
+    EXPECT_EQ(OutputFormatArgument::parse("flac:level=uncompressed")->flacCompressionLevel(), 9u);
 }

@@ -121,6 +121,14 @@ TEST_F(APECompressorTest, EveryLevelSizeAndLayoutDecodesBitExactlyThroughFFmpegA
             for (int level : {1000, 2000, 3000, 4000, 5000}) {
                 SCOPED_TRACE(testing::Message()
                              << bits << "-bit, " << channels << " channel(s), level " << level);
+                if (bits == 24 && level >= 4000) {
+                    // Refused: FFmpeg would not decode these as written.
+                    APECompressor refused;
+                    APEWaveFormat format;
+                    ASSERT_EQ(APECompressor::fillWaveFormat(format, 44100, bits, channels), 0);
+                    EXPECT_NE(refused.start(dir.file("refused.ape"), format, 0, level), 0);
+                    continue;
+                }
                 const std::string ape = compress(pcm, bits, channels, level, int64_t(pcm.size()));
                 EXPECT_TRUE(test::sameBytes(ffmpegDecode(ape, bits), pcm));
                 EXPECT_TRUE(test::sameBytes(jmacDecode(ape), pcm));

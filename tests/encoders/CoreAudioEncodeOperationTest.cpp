@@ -24,25 +24,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class PrivateTemporaryFolder {
-public:
-    PrivateTemporaryFolder() {
-        if (const char* old = std::getenv("TMPDIR"))
-            saved_ = old;
-        setenv("TMPDIR", dir_.path().c_str(), 1);
-    }
-    ~PrivateTemporaryFolder() {
-        if (saved_)
-            setenv("TMPDIR", saved_->c_str(), 1);
-        else
-            unsetenv("TMPDIR");
-    }
-    bool isEmpty() const { return fs::is_empty(dir_.path()); }
-
-private:
-    test::TempDir dir_;
-    std::optional<std::string> saved_;
-};
+using test::PrivateTemporaryFolder;
 
 std::vector<int32_t> samplesFrom(const std::vector<uint8_t>& bytes, uint32_t bits) {
     const size_t width = bits / 8;

@@ -14,30 +14,12 @@
 
 #include <gtest/gtest.h>
 
+#include "support/JobsTestSupport.h"
 #include "support/TestSupport.h"
 
 namespace velvox::test {
 
-// Points TMPDIR at an empty folder for one test.
-class ScopedTemporaryFolder {
-public:
-    ScopedTemporaryFolder() {
-        if (const char* old = std::getenv("TMPDIR"))
-            saved_ = old;
-        setenv("TMPDIR", dir_.path().c_str(), 1);
-    }
-    ~ScopedTemporaryFolder() {
-        if (saved_)
-            setenv("TMPDIR", saved_->c_str(), 1);
-        else
-            unsetenv("TMPDIR");
-    }
-    bool isEmpty() const { return std::filesystem::is_empty(dir_.path()); }
-
-private:
-    TempDir dir_;
-    std::optional<std::string> saved_;
-};
+using ScopedTemporaryFolder = PrivateTemporaryFolder;
 
 // A missing reference tool fails the test: a skipped oracle proves nothing.
 inline void requireTools(std::initializer_list<const char*> tools) {

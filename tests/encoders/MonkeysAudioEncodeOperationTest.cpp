@@ -20,26 +20,7 @@ namespace {
 
 const std::string kPython = "/usr/bin/python3";
 
-// Points the temporary folder somewhere empty for one test.
-class PrivateTemporaryFolder {
-public:
-    PrivateTemporaryFolder() {
-        if (const char* old = std::getenv("TMPDIR"))
-            saved_ = old;
-        setenv("TMPDIR", dir_.path().c_str(), 1);
-    }
-    ~PrivateTemporaryFolder() {
-        if (saved_)
-            setenv("TMPDIR", saved_->c_str(), 1);
-        else
-            unsetenv("TMPDIR");
-    }
-    bool isEmpty() const { return fs::is_empty(dir_.path()); }
-
-private:
-    test::TempDir dir_;
-    std::optional<std::string> saved_;
-};
+using test::PrivateTemporaryFolder;
 
 class CancellingMonkeysAudioEncodeOperation : public MonkeysAudioEncodeOperation {
 public:

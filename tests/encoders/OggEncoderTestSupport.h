@@ -12,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/JobsTestSupport.h"
 #include "support/TestSupport.h"
 
 namespace velvox::test {
@@ -21,27 +22,6 @@ inline void requireTools(std::initializer_list<const char*> tools) {
     for (const char* tool : tools)
         ASSERT_TRUE(haveTool(tool)) << tool << " is not installed (scripts/setup.sh)";
 }
-
-// Points TMPDIR somewhere empty for one test.
-class PrivateTemporaryFolder {
-public:
-    PrivateTemporaryFolder() {
-        if (const char* old = std::getenv("TMPDIR"))
-            saved_ = old;
-        setenv("TMPDIR", dir_.path().c_str(), 1);
-    }
-    ~PrivateTemporaryFolder() {
-        if (saved_)
-            setenv("TMPDIR", saved_->c_str(), 1);
-        else
-            unsetenv("TMPDIR");
-    }
-    bool isEmpty() const { return std::filesystem::is_empty(dir_.path()); }
-
-private:
-    TempDir dir_;
-    std::optional<std::string> saved_;
-};
 
 // Half-scale sines, channel c at baseHz * (c + 1) plus a slow second
 // partial, so that a swapped channel or a shifted signal shows.
