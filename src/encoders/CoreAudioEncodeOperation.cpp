@@ -70,6 +70,15 @@ uint32_t CoreAudioEncodeOperation::outputBitsPerChannel(
     return format.codecBitsPerChannel(StreamEncodeOperation::outputBitsPerChannel(decodeFormat));
 }
 
+double
+CoreAudioEncodeOperation::outputSampleRate(const AudioStreamBasicDescription& decodeFormat) const {
+    const double rate = StreamEncodeOperation::outputSampleRate(decodeFormat);
+    // AAC stops at 96 kHz; a higher source is resampled rather than refused.
+    if (outputFormat().formatID() == kAudioFormatMPEG4AAC && rate > kMaximumAACRate)
+        return kMaximumAACRate;
+    return rate;
+}
+
 void CoreAudioEncodeOperation::adjustOutputFormat(AudioStreamBasicDescription& format) const {
     // The back ends take signed integers; a float source is converted here.
     format.mFormatFlags = kAudioFormatFlagIsSignedInteger | kAudioFormatFlagIsPacked;

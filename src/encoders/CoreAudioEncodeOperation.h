@@ -40,12 +40,15 @@ public:
     void writeMetadata() override;
 
 protected:
+    static constexpr double kMaximumAACRate = 96000;
+
     std::string formatWord() const override { return "Core Audio"; }
     std::string unsupportedSampleSizeText() const override {
         return "Core Audio does not suport %u bit input files.";
     }
     uint32_t readBufferSize(uint32_t decoderBitsPerChannel) const override;
     uint32_t outputBitsPerChannel(const AudioStreamBasicDescription& decodeFormat) const override;
+    double outputSampleRate(const AudioStreamBasicDescription& decodeFormat) const override;
     void adjustOutputFormat(AudioStreamBasicDescription& format) const override;
     void setUpCodec(const std::string& tempFilePath) override;
     void finishCodec() override;

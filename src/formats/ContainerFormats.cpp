@@ -175,7 +175,8 @@ const EncoderDescriptor kCoreAudioEncoder{
              codes(fourCharCode("m4af"), fourCharCode("alac")),
              true,
              {16, 24},
-             kMP4Tags},
+             kMP4Tags,
+             2},
             {"wav",
              "LPCM in WAVE",
              codes(fourCharCode("WAVE"), fourCharCode("lpcm")),
@@ -223,11 +224,14 @@ const EncoderDescriptor kCoreAudioEncoder{
              codes(fourCharCode("caff"), fourCharCode("ima4")),
              false,
              {},
-             kCAFTags},
+             kCAFTags,
+             2},
         },
     .tagKinds = {"MP4 items", "ID3v2", "RIFF INFO", "CAF info"},
     .samples = {.bitDepths = {8, 16, 24, 32}, .maximumChannels = 8},
-    .reference = {.argv = {"ffmpeg", "-v", "error", "-y", "-i", "{in}", "{out}"}, .lossless = true},
+    .reference = {.argv = {"ffmpeg", "-v", "error", "-y", "-i", "{in}", "-c:a", "pcm_s32le",
+                           "{out}"},
+                  .lossless = true},
     .complete = completeCoreAudio,
 };
 
@@ -243,8 +247,9 @@ const EncoderDescriptor kSndFileEncoder{
                     {"formatID", kAudioFormatLinearPCM},
                     {"formatFlags", kAudioFormatFlagIsBigEndian | kAudioFormatFlagIsSignedInteger |
                                         kAudioFormatFlagIsPacked}},
-    .samples = {.bitDepths = {8, 16, 24}, .maximumChannels = 8},
-    .reference = {.argv = {"sndfile-convert", "{in}", "{out}"}, .lossless = true},
+    // Without a chosen size every source is written 16-bit.
+    .samples = {.bitDepths = {16}, .maximumChannels = 8},
+    .reference = {.argv = {"sndfile-convert", "-pcm32", "{in}", "{out}"}, .lossless = true},
 };
 
 } // namespace

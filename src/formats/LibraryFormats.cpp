@@ -60,7 +60,9 @@ const EncoderDescriptor kMonkeysAudioEncoder{
                           .expected = "a rate in Hz such as 44100 or 48k, or same"}}}),
     .tagKinds = {"APEv2"},
     .samples = {.bitDepths = {8, 16, 24}, .maximumChannels = 2},
-    .reference = {.argv = {"ffmpeg", "-v", "error", "-y", "-i", "{in}", "{out}"}, .lossless = true},
+    .reference = {.argv = {"ffmpeg", "-v", "error", "-y", "-i", "{in}", "-c:a", "pcm_s32le",
+                           "{out}"},
+                  .lossless = true},
 };
 
 const EncoderDescriptor kTrueAudioEncoder{
@@ -78,7 +80,9 @@ const EncoderDescriptor kTrueAudioEncoder{
                                   .expected = "a rate in Hz such as 44100 or 48k, or same"}}}),
     .tagKinds = {"ID3v2", "ID3v1"},
     .samples = {.bitDepths = {8, 16, 24}, .maximumChannels = 8},
-    .reference = {.argv = {"ffmpeg", "-v", "error", "-y", "-i", "{in}", "{out}"}, .lossless = true},
+    .reference = {.argv = {"ffmpeg", "-v", "error", "-y", "-i", "{in}", "-c:a", "pcm_s32le",
+                           "{out}"},
+                  .lossless = true},
 };
 
 const DecoderClass kMonkeysAudioDecoder{"MonkeysAudioDecoder", makeDecoder<MonkeysAudioDecoder>};

@@ -54,7 +54,11 @@ const EncoderDescriptor kVorbisEncoder{
     }),
     .tagKinds = kXiphTags,
     .samples = {.bitDepths = {8, 16, 24, 32}, .maximumChannels = 8},
-    .reference = {.argv = {"oggdec", "-Q", "-o", "{out}", "{in}"}, .lossless = false},
+    // oggdec writes surround channels in a WAVE order of its own; FFmpeg's
+    // are the standard ones.
+    .reference = {.argv = {"ffmpeg", "-v", "error", "-y", "-i", "{in}", "-c:a", "pcm_s32le",
+                           "{out}"},
+                  .lossless = false},
     .methodForBitrateAlone = BitrateMethodABR,
 };
 

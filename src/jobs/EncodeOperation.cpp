@@ -325,9 +325,13 @@ void EncodeOperation::moveEncodedFileToOutputLocation() {
                 onMainThread([&] { madeThisBatch = delegate_->createdOutputPathsContains(*out); });
             const bool replacingSource =
                 defaults.boolForKey("deleteOriginal") && inFilePath_ == *out;
-            const bool replace =
-                (existsNow && overwrite && outputFileExistedBeforeEncode_ && !madeThisBatch) ||
-                replacingSource;
+            // Only the very path the user agreed to overwrite is replaced:
+            // an operation told to keep both has a numbered path, and the
+            // file there may be one another job has just moved in.
+            const bool agreedPath = *out == outputBasePath_.value_or(*out);
+            const bool replace = (existsNow && overwrite && outputFileExistedBeforeEncode_ &&
+                                  !madeThisBatch && agreedPath) ||
+                                 replacingSource;
 
             if (replace && unique != *out) {
                 std::string trashError;

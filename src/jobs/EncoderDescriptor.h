@@ -35,6 +35,8 @@ struct FormatPreset {
     // The tag kinds its container holds, when they are fewer than the
     // encoder's.
     std::optional<std::vector<const char*>> tagKinds = std::nullopt;
+    // The channels its codec takes, when fewer than the encoder's (0).
+    uint32_t maximumChannels = 0;
 };
 
 // What PCM the encoder takes without an explicit conversion.

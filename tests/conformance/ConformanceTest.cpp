@@ -147,6 +147,10 @@ struct Target {
                 return true;
         return false;
     }
+    uint32_t maximumChannels() const {
+        return preset && preset->maximumChannels ? preset->maximumChannels
+                                                 : encoder->samples.maximumChannels;
+    }
     const std::vector<uint32_t>& bitDepths() const {
         return preset && !preset->bitDepths.empty() ? preset->bitDepths
                                                     : encoder->samples.bitDepths;
@@ -262,8 +266,11 @@ protected:
         EXPECT_NEAR(double(decoded.frames()), expected, 2048.0);
         if (decoded.channels != source.channels || source.frames() < 4096)
             return;
-        // Close in content: every channel's level within 3 dB.
+        // Close in content: every channel's level within 3 dB, but for the
+        // LFE slot of 5.1 and 7.1, which the codecs band-limit.
         for (uint32_t c = 0; c < source.channels; ++c) {
+            if (source.channels >= 6 && c == 3)
+                continue;
             double a = 0, b = 0;
             for (size_t i = c; i < source.samples.size(); i += source.channels)
                 a += std::pow(double(source.samples[i]), 2);
@@ -298,7 +305,7 @@ protected:
             }
         }
         const Outcome done = encode(target, in, overrides);
-        const bool tooManyChannels = s.channels > encoder.samples.maximumChannels;
+        const bool tooManyChannels = s.channels > target.maximumChannels();
         if (tooManyChannels && !done.success) {
             EXPECT_EQ(done.output, "");
             EXPECT_TRUE(tmp.isEmpty());
@@ -307,6 +314,10 @@ protected:
         ASSERT_TRUE(done.success);
         ASSERT_NE(done.output, "");
         EXPECT_TRUE(tmp.isEmpty()) << "temporary files left behind";
+        // libsndfile cannot open a Sound Designer II file of one frame,
+        // not even one it wrote itself.
+        if (target.name() == "sd2" && s.frames == 1)
+            return;
         const PCM decoded = referenceDecode(target, done.output);
         if (target.lossless() && !tooManyChannels)
             checkLossless(source, decoded, std::min(outputBits, s.bits));
@@ -401,15 +412,21 @@ TEST_F(Conformance, TagsAndPictureReachEveryTaggedOutput) {
         // ffprobe reads every container written here (mutagen has no CAF);
         // pictures show as attached-picture streams.
         const auto r = test::runCommand(
-            "ffprobe -v error -show_entries format_tags=title,artist:stream=codec_type:"
-            "stream_disposition=attached_pic -of json " +
+            "ffprobe -v error -show_entries format_tags=title,artist:stream_tags=title,artist:"
+            "stream=codec_type:stream_disposition=attached_pic -of json " +
             test::shellQuote(done.output));
         ASSERT_EQ(r.exitCode, 0);
         const nlohmann::json probe = nlohmann::json::parse(r.output);
+        // Containers keep tags on the file, Ogg on its stream.
         nlohmann::json tags = nlohmann::json::object();
-        for (const auto& [key, value] :
-             probe["format"].value("tags", nlohmann::json::object()).items())
-            tags[lowercaseASCII(key)] = value;
+        std::vector<nlohmann::json> holders = {probe["format"]};
+        for (const auto& stream : probe.value("streams", nlohmann::json::array()))
+            holders.push_back(stream);
+        for (const nlohmann::json& holder : holders) {
+            const nlohmann::json found = holder.value("tags", nlohmann::json::object());
+            for (const auto& [key, value] : found.items())
+                tags[lowercaseASCII(key)] = value;
+        }
         EXPECT_EQ(tags.value("title", ""), "Conformance Title");
         EXPECT_EQ(tags.value("artist", ""), "Velvox Tester");
         if (!target.holdsPictures())
