@@ -25,6 +25,7 @@
 #include "gui/ErrorLogWindow.h"
 #include "gui/MainRunLoopBridge.h"
 #include "gui/OutputFormatList.h"
+#include "gui/PreferencesWindow.h"
 #include "gui/ProgressDelegate.h"
 #include "gui/QueueTableModel.h"
 #include "jobs/ApplicationController.h"
@@ -212,15 +213,12 @@ void MainWindow::loadFacts() {
         for (const std::string& path : paths) {
             if (closing_)
                 break;
-            std::unique_ptr<AudioMetadata> metadata;
+            std::shared_ptr<const AudioMetadata> metadata;
             tagging.performAndWait([&] { metadata = AudioMetadata::metadataFromFile(path); });
-            std::string format =
-                metadata && metadata->sourceFormat() ? *metadata->sourceFormat() : "";
-            std::optional<double> seconds = metadata ? metadata->sourceLength() : std::nullopt;
             performOnMainThread(
-                [model, path, format, seconds] {
+                [model, path, metadata] {
                     if (model)
-                        model->setFacts(path, format, seconds);
+                        model->setFacts(path, metadata);
                 },
                 false);
         }
@@ -344,7 +342,34 @@ void MainWindow::showAlert(const std::string& message, const std::string& inform
     box->open();
 }
 
-void MainWindow::openPreferences() { emit preferencesRequested(); }
+PreferencesWindow* MainWindow::preferencesWindow() {
+    if (!preferences_)
+        preferences_ = new PreferencesWindow([this] { return previewSource(); }, this);
+    return preferences_;
+}
+
+PreferencesWindow::PreviewSource MainWindow::previewSource() const {
+    PreferencesWindow::PreviewSource source;
+    const QModelIndex current = queueView_->currentIndex();
+    const auto job = queueModel_->jobAt(current.isValid() ? current.row() : 0);
+    if (job) {
+        source.path = job->inFilePath();
+        source.metadata = queueModel_->factsFor(*source.path);
+    }
+    for (const auto& settings : controller_->encoderSettings())
+        if (settings->enabled()) {
+            source.settings = settings;
+            break;
+        }
+    return source;
+}
+
+void MainWindow::openPreferences() {
+    PreferencesWindow* window = preferencesWindow();
+    window->reload();
+    window->show();
+    window->raise();
+}
 
 void MainWindow::askQuestion(const std::string& message, const std::string& informativeText,
                              const std::vector<std::string>& buttons,

@@ -17,6 +17,7 @@
 #include <QPointer>
 #include <QStringList>
 
+#include "gui/PreferencesWindow.h"
 #include "jobs/BatchUserInterface.h"
 
 class QAction;
@@ -44,6 +45,7 @@ public:
     QTableView* queueView() const { return queueView_; }
     OutputFormatList* formatList() const { return formatList_; }
     ErrorLogWindow* errorLogWindow();
+    PreferencesWindow* preferencesWindow();
 
     // Queues files and folders (what dropping them or the open dialogs do).
     void addPaths(const QStringList& paths);
@@ -75,7 +77,6 @@ public:
 
 signals:
     void batchFinished();
-    void preferencesRequested();
 
 protected:
     void closeEvent(QCloseEvent* event) override;
@@ -90,6 +91,7 @@ private:
     void loadFacts();
     void notifyDesktop(const QString& title, const QString& body);
     void joinWorkers();
+    PreferencesWindow::PreviewSource previewSource() const;
     // Keeps only the jobs `keep` accepts. The controller has no call to drop
     // queued jobs, so the kept ones are queued again in a fresh controller
     // (with their top-level folders); it reloads the formats from the
@@ -104,6 +106,7 @@ private:
     QTimer* progressTimer_;
     QPointer<QMessageBox> question_;
     QPointer<ErrorLogWindow> errorLog_;
+    QPointer<PreferencesWindow> preferences_;
     QAction* addFilesAction_ = nullptr;
     QAction* addFolderAction_ = nullptr;
     QAction* removeAction_ = nullptr;

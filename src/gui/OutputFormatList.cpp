@@ -1,5 +1,6 @@
 #include "gui/OutputFormatList.h"
 
+#include <QFont>
 #include <QHBoxLayout>
 #include <QListWidget>
 #include <QMenu>
@@ -66,8 +67,17 @@ void OutputFormatList::reload() {
     reloading_ = true;
     const int selected = selectedRow();
     list_->clear();
+    const auto stored = UserDefaults::standardUserDefaults().objectForKey(kDefaultFormatKey);
+    const int64_t defaultRow =
+        stored && stored->is_number_integer() ? stored->get<int64_t>() : int64_t(-1);
     for (const auto& settings : controller_->encoderSettings()) {
         auto* item = new QListWidgetItem(QString::fromStdString(settings->completeDescription()));
+        if (list_->count() == defaultRow) {
+            QFont font = item->font();
+            font.setBold(true);
+            item->setFont(font);
+            item->setToolTip(tr("The default for new formats"));
+        }
         item->setFlags(item->flags() | Qt::ItemIsUserCheckable);
         item->setCheckState(settings->enabled() ? Qt::Checked : Qt::Unchecked);
         if (!EncoderDescriptor::forType(settings->encoderType()))
@@ -142,11 +152,16 @@ EncoderSettingsEditor* OutputFormatList::addFormat(const EncoderDescriptor& desc
                                      ? &descriptor.presets[size_t(presetIndex)]
                                      : nullptr;
     nlohmann::json dictionary = descriptor.defaultDictionary(preset);
-    // The default format, when it is of this encoder, gives the starting values.
+    // The default format (an index into the list, as the command line keeps
+    // it), when it is of this encoder, gives the starting values.
+    const auto list = controller_->encoderSettings();
     const auto stored = UserDefaults::standardUserDefaults().objectForKey(kDefaultFormatKey);
-    if (!preset && stored && stored->is_object() &&
-        stored->value("encoderType", -1) == int32_t(descriptor.encoderType))
-        dictionary = *stored;
+    if (!preset && stored && stored->is_number_integer()) {
+        const int64_t index = stored->get<int64_t>();
+        if (index >= 0 && size_t(index) < list.size() &&
+            list[size_t(index)]->encoderType() == descriptor.encoderType)
+            dictionary = list[size_t(index)]->settingsDictionary();
+    }
     dictionary["enabled"] = true;
     return openEditor(descriptor, dictionary, -1);
 }
@@ -184,6 +199,11 @@ void OutputFormatList::removeSelected() {
     if (row < 0 || size_t(row) >= list.size())
         return;
     list.erase(list.begin() + row);
+    // The default is kept by position: it follows its format up the list.
+    UserDefaults& defaults = UserDefaults::standardUserDefaults();
+    const auto stored = defaults.objectForKey(kDefaultFormatKey);
+    if (stored && stored->is_number_integer() && stored->get<int64_t>() >= row)
+        defaults.setObject(kDefaultFormatKey, std::max<int64_t>(0, stored->get<int64_t>() - 1));
     save(list);
 }
 
@@ -192,8 +212,8 @@ void OutputFormatList::useSelectedAsDefault() {
     const int row = selectedRow();
     if (row < 0 || size_t(row) >= list.size())
         return;
-    UserDefaults::standardUserDefaults().setObject(kDefaultFormatKey,
-                                                   list[size_t(row)]->settingsDictionary());
+    UserDefaults::standardUserDefaults().setObject(kDefaultFormatKey, row);
+    reload();
 }
 
 } // namespace velvox

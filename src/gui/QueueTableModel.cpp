@@ -5,6 +5,7 @@
 #include "gui/ValueFormatters.h"
 #include "jobs/ApplicationController.h"
 #include "jobs/FileEncodeOperation.h"
+#include "metadata/AudioMetadata.h"
 
 namespace velvox {
 
@@ -28,9 +29,14 @@ void QueueTableModel::refreshStatus() {
         emit dataChanged(index(0, StatusColumn), index(rows - 1, StatusColumn));
 }
 
-void QueueTableModel::setFacts(const std::string& path, std::string format,
-                               std::optional<double> seconds) {
-    facts_[path] = Facts{std::move(format), seconds};
+std::shared_ptr<const AudioMetadata> QueueTableModel::factsFor(const std::string& path) const {
+    const auto found = facts_.find(path);
+    return found == facts_.end() ? nullptr : found->second;
+}
+
+void QueueTableModel::setFacts(const std::string& path,
+                               std::shared_ptr<const AudioMetadata> facts) {
+    facts_[path] = std::move(facts);
     const int rows = rowCount();
     for (int row = 0; row < rows; ++row) {
         if (controller_->operations()[size_t(row)]->inFilePath() == path)
@@ -69,7 +75,7 @@ QVariant QueueTableModel::data(const QModelIndex& index, int role) const {
     if (!job)
         return {};
     const std::string path = job->inFilePath();
-    const auto facts = facts_.find(path);
+    const std::shared_ptr<const AudioMetadata> facts = factsFor(path);
     if (role == Qt::ToolTipRole)
         return QString::fromStdString(path);
     if (role == ProgressRole) {
@@ -85,11 +91,12 @@ QVariant QueueTableModel::data(const QModelIndex& index, int role) const {
     case NameColumn:
         return QString::fromStdString(std::filesystem::path(path).filename().string());
     case FormatColumn:
-        return facts == facts_.end() ? QString() : QString::fromStdString(facts->second.format);
+        return facts && facts->sourceFormat() ? QString::fromStdString(*facts->sourceFormat())
+                                              : QString();
     case LengthColumn:
-        if (facts == facts_.end() || !facts->second.seconds)
+        if (!facts || !facts->sourceLength())
             return QString();
-        return ValueFormatters::duration(*facts->second.seconds);
+        return ValueFormatters::duration(*facts->sourceLength());
     case StatusColumn:
         return statusText(*job);
     default:

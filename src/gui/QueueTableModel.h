@@ -15,6 +15,7 @@
 namespace velvox {
 
 class ApplicationController;
+class AudioMetadata;
 class FileEncodeOperation;
 
 class QueueTableModel : public QAbstractTableModel {
@@ -33,9 +34,10 @@ public:
     void reload();
     // Running rows changed status or progress.
     void refreshStatus();
-    // What the file reader found for a source (format name, seconds).
-    void setFacts(const std::string& path, std::string format, std::optional<double> seconds);
+    // What the tag reader found in a source (null: nothing readable).
+    void setFacts(const std::string& path, std::shared_ptr<const AudioMetadata> facts);
     bool hasFacts(const std::string& path) const { return facts_.count(path) > 0; }
+    std::shared_ptr<const AudioMetadata> factsFor(const std::string& path) const;
 
     std::shared_ptr<FileEncodeOperation> jobAt(int row) const;
 
@@ -45,14 +47,10 @@ public:
     QVariant headerData(int section, Qt::Orientation orientation, int role) const override;
 
 private:
-    struct Facts {
-        std::string format;
-        std::optional<double> seconds;
-    };
     QString statusText(const FileEncodeOperation& job) const;
 
     ApplicationController* controller_;
-    std::map<std::string, Facts> facts_;
+    std::map<std::string, std::shared_ptr<const AudioMetadata>> facts_;
 };
 
 } // namespace velvox

@@ -54,6 +54,10 @@ bool MainRunLoop::runOne(std::unique_lock<std::mutex>& lock) {
     tasks_.pop_front();
     lock.unlock();
     task();
+    // The task's captures (often the last owner of a job, whose destructor
+    // joins a thread that may be posting here) are released before the lock
+    // is taken again.
+    task = nullptr;
     lock.lock();
     return true;
 }
@@ -97,10 +101,13 @@ void MainRunLoop::wake() {
 
 void MainRunLoop::setTaskPostedHandler(std::function<void()> handler) {
     std::lock_guard lock(mutex_);
+    hasTaskPostedHandler_ = bool(handler);
     taskPosted_ = std::move(handler);
 }
 
 void MainRunLoop::notifyHost() {
+    if (!hasTaskPostedHandler_)
+        return;
     std::function<void()> handler;
     {
         std::lock_guard lock(mutex_);

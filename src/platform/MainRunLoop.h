@@ -5,6 +5,7 @@
 //
 // The thread that calls runUntil() is the main thread from then on.
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -54,6 +55,7 @@ private:
     std::optional<std::thread::id> mainThread_;
     uint64_t wakeups_ = 0;
     std::function<void()> taskPosted_;
+    std::atomic<bool> hasTaskPostedHandler_ = false;
 };
 
 // Shorthand used throughout the jobs code.

@@ -318,10 +318,7 @@ void MainWindowTest::quittingDuringABatchAsksAndLeavesNothingBehind() {
     QVERIFY(filesIn(tmp_).empty());
 }
 
-int main(int argc, char** argv) {
-    qputenv("QT_QPA_PLATFORM", "offscreen");
-    QApplication app(argc, argv);
-    FormatTable::installBuiltinFormats();
+int runMainWindowTest(int argc, char** argv) {
     MainWindowTest test;
     return QTest::qExec(&test, argc, argv);
 }
