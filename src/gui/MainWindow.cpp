@@ -23,6 +23,7 @@
 #include <QVBoxLayout>
 
 #include "gui/ErrorLogWindow.h"
+#include "gui/FileInfoWindow.h"
 #include "gui/MainRunLoopBridge.h"
 #include "gui/OutputFormatList.h"
 #include "gui/PreferencesWindow.h"
@@ -140,6 +141,7 @@ void MainWindow::buildActions() {
     tagsOnlyAction_ =
         add(tr("Update Tags Only"), "document-save", QKeySequence(), [this] { updateTagsOnly(); });
     bar->addSeparator();
+    add(tr("File Info"), "dialog-information", QKeySequence("Ctrl+I"), [this] { showFileInfo(); });
     add(tr("Error Log"), "dialog-warning", QKeySequence(), [this] { showErrorLog(); });
     add(tr("Preferences…"), "preferences-system", QKeySequence::Preferences,
         [this] { openPreferences(); });
@@ -362,6 +364,21 @@ PreferencesWindow::PreviewSource MainWindow::previewSource() const {
             break;
         }
     return source;
+}
+
+FileInfoWindow* MainWindow::showFileInfo() {
+    if (!fileInfo_)
+        fileInfo_ = new FileInfoWindow(this);
+    const QModelIndex current = queueView_->currentIndex();
+    const auto job = queueModel_->jobAt(current.isValid() ? current.row() : 0);
+    if (!job) {
+        beep();
+        return fileInfo_;
+    }
+    fileInfo_->showFacts(job->inFilePath(), queueModel_->factsFor(job->inFilePath()));
+    fileInfo_->show();
+    fileInfo_->raise();
+    return fileInfo_;
 }
 
 void MainWindow::openPreferences() {

@@ -30,6 +30,7 @@ namespace velvox {
 
 class ApplicationController;
 class ErrorLogWindow;
+class FileInfoWindow;
 class MainRunLoopBridge;
 class OutputFormatList;
 class QueueTableModel;
@@ -46,6 +47,8 @@ public:
     OutputFormatList* formatList() const { return formatList_; }
     ErrorLogWindow* errorLogWindow();
     PreferencesWindow* preferencesWindow();
+    // Shows the facts of the selected (else the first) queued file.
+    FileInfoWindow* showFileInfo();
 
     // Queues files and folders (what dropping them or the open dialogs do).
     void addPaths(const QStringList& paths);
@@ -107,6 +110,7 @@ private:
     QPointer<QMessageBox> question_;
     QPointer<ErrorLogWindow> errorLog_;
     QPointer<PreferencesWindow> preferences_;
+    QPointer<FileInfoWindow> fileInfo_;
     QAction* addFilesAction_ = nullptr;
     QAction* addFolderAction_ = nullptr;
     QAction* removeAction_ = nullptr;
