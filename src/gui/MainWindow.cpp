@@ -25,6 +25,7 @@
 #include "gui/ErrorLogWindow.h"
 #include "gui/FileInfoWindow.h"
 #include "gui/MainRunLoopBridge.h"
+#include "gui/MetadataEditorWindow.h"
 #include "gui/OutputFormatList.h"
 #include "gui/PreferencesWindow.h"
 #include "gui/ProgressDelegate.h"
@@ -141,6 +142,7 @@ void MainWindow::buildActions() {
     tagsOnlyAction_ =
         add(tr("Update Tags Only"), "document-save", QKeySequence(), [this] { updateTagsOnly(); });
     bar->addSeparator();
+    add(tr("Tags…"), "document-properties", QKeySequence("Ctrl+T"), [this] { editTags(); });
     add(tr("File Info"), "dialog-information", QKeySequence("Ctrl+I"), [this] { showFileInfo(); });
     add(tr("Error Log"), "dialog-warning", QKeySequence(), [this] { showErrorLog(); });
     add(tr("Preferences…"), "preferences-system", QKeySequence::Preferences,
@@ -364,6 +366,28 @@ PreferencesWindow::PreviewSource MainWindow::previewSource() const {
             break;
         }
     return source;
+}
+
+MetadataEditorWindow* MainWindow::editTags() {
+    if (controller_->encoderRunning() || intakeRunning_) {
+        beep();
+        return nullptr;
+    }
+    std::vector<std::shared_ptr<FileEncodeOperation>> jobs;
+    for (const QModelIndex& index : queueView_->selectionModel()->selectedRows())
+        if (auto job = queueModel_->jobAt(index.row()))
+            jobs.push_back(job);
+    if (jobs.empty()) {
+        beep();
+        return nullptr;
+    }
+    auto* editor = new MetadataEditorWindow(std::move(jobs), this);
+    editor->setAttribute(Qt::WA_DeleteOnClose);
+    // The update batch rewrites every queued file from its record; records
+    // that were not edited hold what the file already has.
+    connect(editor, &MetadataEditorWindow::saveRequested, this, [this] { updateTagsOnly(); });
+    editor->open();
+    return editor;
 }
 
 FileInfoWindow* MainWindow::showFileInfo() {

@@ -31,6 +31,7 @@ namespace velvox {
 class ApplicationController;
 class ErrorLogWindow;
 class FileInfoWindow;
+class MetadataEditorWindow;
 class MainRunLoopBridge;
 class OutputFormatList;
 class QueueTableModel;
@@ -49,6 +50,8 @@ public:
     PreferencesWindow* preferencesWindow();
     // Shows the facts of the selected (else the first) queued file.
     FileInfoWindow* showFileInfo();
+    // Opens the tag editor on the selected queued files.
+    MetadataEditorWindow* editTags();
 
     // Queues files and folders (what dropping them or the open dialogs do).
     void addPaths(const QStringList& paths);

@@ -8,6 +8,7 @@
 
 #include <QCheckBox>
 #include <QComboBox>
+#include <QDialogButtonBox>
 #include <QElapsedTimer>
 #include <QLineEdit>
 #include <QListWidget>
@@ -23,6 +24,7 @@
 #include "gui/ErrorLogWindow.h"
 #include "gui/FileInfoWindow.h"
 #include "gui/MainWindow.h"
+#include "gui/MetadataEditorWindow.h"
 #include "gui/OutputFormatList.h"
 #include "gui/QueueTableModel.h"
 #include "jobs/ApplicationController.h"
@@ -90,6 +92,7 @@ private slots:
     void overwriteQuestionAppliesToTheWholeBatch();
     void quittingDuringABatchAsksAndLeavesNothingBehind();
     void staysResponsiveDuringALongBatch();
+    void editsTheTagsOfTwoFiles();
 
 private:
     // Queues the source folder and waits for its rows.
@@ -372,6 +375,51 @@ void MainWindowTest::staysResponsiveDuringALongBatch() {
     QVERIFY2(worst <= 100, qPrintable(QString("the event loop stalled for %1 ms").arg(worst)));
     QCOMPARE(window.controller().failedCount(), 0);
     QCOMPARE(filesIn(output_).size(), size_t(4));
+}
+
+void MainWindowTest::editsTheTagsOfTwoFiles() {
+    // Two tagged FLAC files from different albums.
+    const std::string wav = root_->file("t.wav");
+    QCOMPARE(test::runCommand("sox -n -r 44100 -b 16 -c 2 " + test::shellQuote(wav) +
+                              " synth 2 sine 440 vol 0.5")
+                 .exitCode,
+             0);
+    for (const auto& [name, album] : {std::pair{"x", "Album X"}, std::pair{"y", "Album Y"}})
+        QCOMPARE(test::runCommand("flac -s -f -T ARTIST=Old -T " +
+                                  test::shellQuote(std::string("ALBUM=") + album) +
+                                  " -T TITLE=" + name + " -o " +
+                                  test::shellQuote((sources_ / name).string() + ".flac") + " " +
+                                  test::shellQuote(wav))
+                     .exitCode,
+                 0);
+    MainWindow window;
+    window.show();
+    queueSources(window, 2);
+    window.queueView()->selectAll();
+    MetadataEditorWindow* editor = window.editTags();
+    QVERIFY(editor);
+    QCOMPARE(editor->fieldEditor("trackArtist")->text(), QString("Old"));
+    QVERIFY(editor->isMixed("albumTitle") && editor->isMixed("trackTitle"));
+    QTest::keyClicks(editor->fieldEditor("trackArtist"), " and New");
+    QTest::keyClicks(editor->fieldEditor("trackYear"), "1999");
+    QSignalSpy finished(&window, &MainWindow::batchFinished);
+    auto* buttons = editor->findChild<QDialogButtonBox*>();
+    buttons->button(QDialogButtonBox::Save)->click();
+    QVERIFY(finished.wait(30000));
+    QCOMPARE(window.controller().failedCount(), 0);
+
+    // Read back by an independent tag reader: the edited fields changed in
+    // both files, the mixed ones kept each file's own value.
+    for (const auto& [name, album] : {std::pair{"x", "Album X"}, std::pair{"y", "Album Y"}}) {
+        const auto tags = test::runCommand(
+            "/usr/bin/python3 -c 'import sys,mutagen.flac as f; t=f.FLAC(sys.argv[1]); "
+            "print(t[\"artist\"][0], t[\"album\"][0], t[\"title\"][0], t[\"date\"][0], "
+            "sep=\"|\")' " +
+            test::shellQuote((sources_ / name).string() + ".flac"));
+        QCOMPARE(tags.exitCode, 0);
+        QCOMPARE(QString::fromStdString(tags.output).trimmed(),
+                 QString("Old and New|%1|%2|1999").arg(album, name));
+    }
 }
 
 int runMainWindowTest(int argc, char** argv) {
