@@ -94,6 +94,12 @@ MainWindow::~MainWindow() {
                                            std::chrono::milliseconds(50));
     }
     joinWorkers();
+    // The views and the model read the controller: they go before it, not
+    // with the window's other children after this destructor.
+    progressTimer_->stop();
+    queueView_->setModel(nullptr);
+    delete centralWidget();
+    delete queueModel_;
     controller_->setUserInterface(nullptr);
     controller_.reset();
     bridge_.reset();
