@@ -22,6 +22,7 @@ void MainRunLoop::perform(Task task, bool waitUntilDone) {
             tasks_.push_back(std::move(task));
         }
         changed_.notify_all();
+        notifyHost();
         return;
     }
     if (isMainThread()) {
@@ -42,6 +43,7 @@ void MainRunLoop::perform(Task task, bool waitUntilDone) {
         });
     }
     changed_.notify_all();
+    notifyHost();
     finished.get();
 }
 
@@ -52,6 +54,10 @@ bool MainRunLoop::runOne(std::unique_lock<std::mutex>& lock) {
     tasks_.pop_front();
     lock.unlock();
     task();
+    // The task's captures (often the last owner of a job, whose destructor
+    // joins a thread that may be posting here) are released before the lock
+    // is taken again.
+    task = nullptr;
     lock.lock();
     return true;
 }
@@ -90,6 +96,32 @@ void MainRunLoop::wake() {
         ++wakeups_;
     }
     changed_.notify_all();
+    notifyHost();
+}
+
+void MainRunLoop::setTaskPostedHandler(std::function<void()> handler) {
+    std::lock_guard lock(mutex_);
+    hasTaskPostedHandler_ = bool(handler);
+    taskPosted_ = std::move(handler);
+}
+
+void MainRunLoop::notifyHost() {
+    if (!hasTaskPostedHandler_)
+        return;
+    std::function<void()> handler;
+    {
+        std::lock_guard lock(mutex_);
+        handler = taskPosted_;
+    }
+    if (handler)
+        handler();
+}
+
+void MainRunLoop::runPendingTasks() {
+    std::unique_lock lock(mutex_);
+    mainThread_ = std::this_thread::get_id();
+    for (size_t pending = tasks_.size(); pending > 0 && !tasks_.empty(); --pending)
+        runOne(lock);
 }
 
 } // namespace velvox

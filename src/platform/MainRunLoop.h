@@ -5,6 +5,7 @@
 //
 // The thread that calls runUntil() is the main thread from then on.
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -33,17 +34,28 @@ public:
     // Wakes runUntil() so that it checks its condition again.
     void wake();
 
+    // For a host that has its own event loop (the desktop application): the
+    // handler is called, on the posting thread, each time a task is queued or
+    // the loop is woken, and the host answers by calling runPendingTasks() on
+    // its own main thread, which becomes this loop's main thread.
+    void setTaskPostedHandler(std::function<void()> handler);
+    // Runs the tasks queued so far (not those they queue in turn) and returns.
+    void runPendingTasks();
+
     bool isMainThread() const;
 
 private:
     MainRunLoop() = default;
     bool runOne(std::unique_lock<std::mutex>& lock);
+    void notifyHost();
 
     mutable std::mutex mutex_;
     std::condition_variable changed_;
     std::deque<Task> tasks_;
     std::optional<std::thread::id> mainThread_;
     uint64_t wakeups_ = 0;
+    std::function<void()> taskPosted_;
+    std::atomic<bool> hasTaskPostedHandler_ = false;
 };
 
 // Shorthand used throughout the jobs code.
