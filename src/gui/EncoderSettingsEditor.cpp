@@ -190,7 +190,13 @@ QWidget* EncoderSettingsEditor::controlFor(const std::string& word) const {
 
 std::unique_ptr<EncoderSettings> EncoderSettingsEditor::build(QString& error) const {
     nlohmann::json dictionary = original_;
+    // What the format already held (a preset's container and codec, a saved
+    // format's values) counts as given; only what follows from them (the
+    // extension, LPCM's byte order) is worked out again.
     std::set<std::string> given;
+    for (const auto& [key, value] : original_.items())
+        if (!value.is_null() && key != "extension" && key != "formatFlags")
+            given.insert(key);
     for (const Row& row : rows_) {
         const QString text = typedText(row);
         const auto stored = row.spec->parse(text.toStdString());
