@@ -27,6 +27,10 @@ InputPaths InputPaths::check(const std::vector<std::string>& arguments, std::ost
             ++result.rejected_;
         } else if (fs::is_directory(status)) {
             result.usable_.push_back(path);
+        } else if (!fs::is_regular_file(status)) {
+            // A FIFO or a device never ends: reading one would hang the batch.
+            err << "velvox: " << argument << ": not a regular file\n";
+            ++result.rejected_;
         } else if (!FormatRegistry::isAcceptedFile(path)) {
             err << "velvox: " << argument << ": not a format Velvox reads\n";
             ++result.rejected_;

@@ -50,6 +50,11 @@ ProbeCommand::Result ProbeCommand::probe(const std::string& path) {
         r.error = "Is a folder, not an audio file: " + path;
         return r;
     }
+    if (!std::filesystem::is_regular_file(path, ec)) {
+        // A FIFO or a device never ends: reading one would hang.
+        r.error = "Not a regular file: " + path;
+        return r;
+    }
 
     try {
         std::unique_ptr<KDDecoder> decoder = KDDecoder::decoderWithFilename(path);

@@ -170,7 +170,8 @@ void ApplicationController::parseDroppedFiles(const std::vector<std::string>& pa
                     break;
                 add(file, dropped);
             }
-        } else if (FormatRegistry::isAcceptedFile(dropped)) {
+        } else if (fs::is_regular_file(dropped, ec) && FormatRegistry::isAcceptedFile(dropped)) {
+            // FIFOs and devices are never queued: reading one never ends.
             add(dropped, dropped);
         }
     }

@@ -422,3 +422,22 @@ TEST(ConvertCommand, InterruptOrTerminateCancelsTheBatchAndLeavesNothing) {
     }
     EXPECT_EQ(fileMD5(source), md5);
 }
+
+TEST(ConvertCommand, FifosAndDevicesAreRefusedNotRead) {
+    // Reading either would never end; both are refused by name at once.
+    CommandSandbox box;
+    const std::string fifo = box.src("stream.flac");
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    for (const std::string& path : {fifo, std::string("/dev/zero")}) {
+        SCOPED_TRACE(path);
+        const Outcome convert =
+            box.run("convert -f flac -o " + shellQuote(box.out()) + " " + shellQuote(path));
+        EXPECT_NE(convert.exitCode, 0);
+        EXPECT_TRUE(contains(convert.err, path + ": not a regular file")) << convert.err;
+        const Outcome probe = box.run("probe " + shellQuote(path));
+        EXPECT_EQ(probe.exitCode, 1);
+        EXPECT_TRUE(contains(probe.out + probe.err, "Not a regular file: " + path))
+            << probe.out << probe.err;
+    }
+    EXPECT_EQ(filesBelow(box.out()), std::vector<std::string>{});
+}
