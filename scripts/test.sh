@@ -28,4 +28,4 @@ ctest --test-dir build-asan --output-on-failure -j "$jobs"
 # run twice above.
 echo "== tests (thread sanitizer) =="
 ctest --test-dir build-tsan --output-on-failure -j "$jobs" \
-  -R 'Threads|Observable|MainRunLoop|EncodeOperationTest|FileEncodeOperation|ApplicationController|ConvertCommand|TagCommand|Conformance'
+  -R 'Threads|Observable|MainRunLoop|EncodeOperationTest|FileEncodeOperation|ApplicationController|ConvertCommand'
