@@ -6,8 +6,10 @@
 namespace velvox {
 
 MainRunLoop& MainRunLoop::shared() {
-    static MainRunLoop loop;
-    return loop;
+    // Never destroyed: an operation thread still finishing while the
+    // process exits may post to it, and must not find it torn down.
+    static MainRunLoop* const loop = new MainRunLoop;
+    return *loop;
 }
 
 bool MainRunLoop::isMainThread() const {
