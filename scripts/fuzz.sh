@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer targets (clang, address + undefined sanitizers) in
-# build-fuzz/ and runs each over its seed corpus.
+# build-fuzz/, makes the seed corpora (fuzz/make-*) and runs each target
+# over its corpus.
 # Usage: scripts/fuzz.sh [SECONDS-PER-TARGET]   (default: a 10-second smoke pass)
 # A finding stops the script with the target's crash report.
 set -euo pipefail
@@ -10,7 +11,14 @@ seconds=${1:-10}
 cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=Debug \
   -DCMAKE_C_COMPILER=clang-16 -DCMAKE_CXX_COMPILER=clang++-16 \
   -DVELVOX_FUZZ=ON -DVELVOX_BUILD_TESTS=OFF -DVELVOX_BUILD_BENCH=OFF >/dev/null
-ninja -C build-fuzz $(ninja -C build-fuzz -t targets all | sed -n 's/^\(velvox_fuzz_[A-Za-z0-9]*\):.*/\1/p')
+ninja -C build-fuzz velvox $(ninja -C build-fuzz -t targets all | sed -n 's/^\(velvox_fuzz_[A-Za-z0-9]*\):.*/\1/p')
+
+# The seed corpora are made here by our own scripts, from tones and the
+# reference encoders, rather than kept as files.
+for seeds in fuzz/make-*.sh; do
+  bash "$seeds" build-fuzz/velvox >/dev/null
+done
+python3 fuzz/make-dsd-seeds.py >/dev/null
 
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1

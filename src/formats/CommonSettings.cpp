@@ -76,7 +76,7 @@ SettingSpec method(std::vector<SettingChoice> methods, int64_t defaultMethod) {
     static const char* const kNumbers[] = {"0", "1", "2", "3"};
     for (const SettingChoice& choice : methods)
         spec.choices.push_back({kNumbers[choice.value & 3], choice.value});
-    // The words, as "cbr, abr or vbr"; the text must outlive the spec.
+    // The words, as "cbr, abr or vbr"; the text is kept for the program's life.
     static std::mutex mutex;
     static std::set<std::string> texts;
     std::string words;

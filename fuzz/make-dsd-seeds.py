@@ -1,12 +1,12 @@
 #!/usr/bin/env python3
-"""Writes the seed corpus of the DSD file fuzzer (fuzz/corpus/DSDFile/):
+"""Writes the seed corpus of the DSD file fuzzer (fuzz/corpus/DSDFile/, made at fuzz time):
 small DSF and DSDIFF files of the idle pattern and a sigma-delta sine, in
 the layouts Velvox reads, plus a few it must refuse."""
 import math
 import os
 import struct
 
-OUT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "fuzz", "corpus", "DSDFile")
+OUT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "corpus", "DSDFile")
 
 
 def sine_bytes(count, lsb_first):
