@@ -39,13 +39,6 @@ std::vector<int32_t> samplesFrom(const std::vector<uint8_t>& bytes, uint32_t bit
     return samples;
 }
 
-// Left-justified in 32 bits, as the decoders are asked to deliver.
-std::vector<uint8_t> widened(const std::vector<int32_t>& samples, uint32_t bits) {
-    std::vector<int32_t> wide(samples.size());
-    for (size_t i = 0; i < samples.size(); ++i)
-        wide[i] = int32_t(uint32_t(samples[i]) << (32 - bits));
-    return test::packLittleEndian(wide, 32);
-}
 
 double signalToDifferenceDB(const std::vector<int32_t>& reference,
                             const std::vector<int32_t>& decoded) {
@@ -242,41 +235,6 @@ struct LosslessCase {
 };
 
 } // namespace
-
-TEST_F(CoreAudioEncodeOperationTest, LosslessOutputsDecodeBitExactly) {
-    const LosslessCase cases[] = {
-        {"m4af", "alac", "m4a", 16, 0, false},
-        {"m4af", "alac", "m4a", 24, 0, false},
-        {"caff", "alac", "caf", 16, 0, false},
-        {"caff", "alac", "caf", 24, 0, false},
-    };
-    std::vector<LosslessCase> all(std::begin(cases), std::end(cases));
-    for (uint32_t bits : {8u, 16u, 24u, 32u}) {
-        all.push_back({"WAVE", "lpcm", "wav", bits, 0, true});
-        all.push_back({"AIFF", "lpcm", "aiff", bits, 2, true});
-        all.push_back({"AIFC", "lpcm", "aifc", bits, 0, true});
-        all.push_back({"AIFC", "lpcm", "aifc", bits, 2, true});
-        all.push_back({"caff", "lpcm", "caf", bits, 0, false});
-        all.push_back({"caff", "lpcm", "caf", bits, 2, false});
-        all.push_back({"NeXT", "lpcm", "au", bits, 2, true});
-    }
-    for (const LosslessCase& c : all) {
-        SCOPED_TRACE(std::string(c.fileType) + " " + c.formatID + " " + std::to_string(c.bits) +
-                     (c.flags ? " BE" : " LE"));
-        const auto signal = test::makeSignal(12345, 2, c.bits, c.bits);
-        const std::string in = dir.file("source.wav");
-        test::writeWav(in, signal, 2, 44100, c.bits);
-        use(c.fileType, c.formatID, c.extension, c.bits, c.flags);
-        auto op = encode(in);
-        ASSERT_TRUE(op->success());
-        const std::string out = *op->outFilePath();
-        EXPECT_TRUE(test::sameBytes(decodedBy("ffmpeg", out), widened(signal, c.bits)));
-        if (c.soxReads) {
-            EXPECT_TRUE(test::sameBytes(decodedBy("sox", out), widened(signal, c.bits)));
-        }
-        fs::remove(out);
-    }
-}
 
 TEST_F(CoreAudioEncodeOperationTest, CompandedAndADPCMOutputsStayCloseToTheSource) {
     const auto tone = sine(44100, 2, 32000);

@@ -138,48 +138,6 @@ protected:
 
 } // namespace
 
-TEST_F(FLACEncodeOperationTest, SourcesOfEverySampleSizeAndLayoutDecodeBitExactly) {
-    struct Case {
-        const char* name;
-        uint32_t channels, bits, rate, mask;
-        const char* container; // wav, aiff or flac
-    } cases[] = {
-        {"stereo16", 2, 16, 44100, 0, "wav"}, {"surround24", 6, 24, 48000, 0x3F, "wav"},
-        {"mono16", 1, 16, 22050, 0, "aiff"},  {"stereo24", 2, 24, 96000, 0, "flac"},
-        {"mono8", 1, 8, 8000, 0, "wav"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        const auto signal = test::makeSignal(c.rate * 2 + 123, c.channels, c.bits, c.channels);
-        const std::string wav = dir.file(std::string(c.name) + "-source.wav");
-        test::writeWav(wav, signal, c.channels, c.rate, c.bits, c.mask);
-        std::string source = dir.file(std::string(c.name) + "." + c.container);
-        if (std::string(c.container) == "aiff")
-            ASSERT_EQ(
-                test::runCommand("sox " + test::shellQuote(wav) + " " + test::shellQuote(source))
-                    .exitCode,
-                0);
-        else if (std::string(c.container) == "flac")
-            ASSERT_EQ(test::runCommand("flac -s -f -o " + test::shellQuote(source) + " " +
-                                       test::shellQuote(wav))
-                          .exitCode,
-                      0);
-        else
-            source = wav;
-
-        test::LogWatch log;
-        auto op = encode(source);
-        ASSERT_TRUE(op->success()) << testing::PrintToString(log.lines());
-        const std::string out = outPathFor(fs::path(source).stem().string());
-        ASSERT_EQ(op->outFilePath(), out);
-        EXPECT_EQ(metaflacNumber("--show-channels", out), c.channels);
-        EXPECT_EQ(metaflacNumber("--show-bps", out), c.bits);
-        EXPECT_EQ(metaflacNumber("--show-sample-rate", out), c.rate);
-        EXPECT_EQ(metaflacNumber("--show-total-samples", out), c.rate * 2 + 123);
-        EXPECT_TRUE(test::sameBytes(decoded(out), test::packLittleEndian(signal, c.bits)));
-    }
-}
-
 TEST_F(FLACEncodeOperationTest, SeekPointsEveryTenSecondsAndPadding) {
     // Tags would take their room out of the padding; without them it is whole.
     prefs.set("writeMetadata", false);

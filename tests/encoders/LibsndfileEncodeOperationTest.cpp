@@ -80,35 +80,6 @@ std::vector<int32_t> shiftedRight(std::vector<int32_t> samples, int shift) {
 
 } // namespace
 
-TEST_F(LibsndfileEncodeOperationTest, EverySampleSizeAndLayoutReadsBackBitExactlyWithItsCompanion) {
-    for (const test::SourceCase& c : test::roundTripSources()) {
-        SCOPED_TRACE(c.name);
-        std::vector<int32_t> samples;
-        const std::string in = makeSource(c, samples);
-        settings->setBitDepth(c.bits);
-        test::LogWatch log;
-        auto op = encode<LibsndfileEncodeOperation>(in);
-        ASSERT_TRUE(op->success()) << testing::PrintToString(log.lines());
-        const std::string out = dir.file(std::string("out/") + c.name + ".sd2");
-        ASSERT_EQ(op->outFilePath(), out);
-        const std::string companion = dir.file(std::string("out/._") + c.name + ".sd2");
-        ASSERT_TRUE(fs::exists(companion));
-        EXPECT_NE(soxInfo("Channels", out).find(std::to_string(c.channels)), std::string::npos);
-        EXPECT_NE(soxInfo("Sample Rate", out).find(std::to_string(c.rate)), std::string::npos);
-        uint32_t bits = 0;
-        EXPECT_TRUE(test::sameBytes(decoded(out, bits), test::packLittleEndian(samples, c.bits)));
-        EXPECT_EQ(bits, c.bits);
-    }
-    // The companion is what makes the file readable: without it libsndfile
-    // cannot tell the rate or the channels.
-    const std::string out = dir.file("out/stereo16.sd2");
-    fs::rename(dir.file("out/._stereo16.sd2"), dir.file("stray"));
-    EXPECT_NE(test::runCommand("sndfile-convert " + test::shellQuote(out) + " " +
-                               test::shellQuote(dir.file("x.wav")) + " >/dev/null 2>&1")
-                  .exitCode,
-              0);
-}
-
 TEST_F(LibsndfileEncodeOperationTest, BitDepthChoosesTheSubtypeWithThirtyTwoCappedAtTwentyFour) {
     std::vector<int32_t> samples;
     const std::string in = makeSource({"deep", 2, 24, 48000, 0}, samples);
@@ -153,26 +124,3 @@ TEST_F(LibsndfileEncodeOperationTest, TagsTheContainerCannotHoldAreNamedAndTheAu
     EXPECT_TRUE(quiet.lines().empty()) << testing::PrintToString(quiet.lines());
 }
 
-TEST_F(LibsndfileEncodeOperationTest, BadInputAndCancelLeaveNothingBehindNotEvenTheCompanion) {
-    test::PrivateTMPDIR tmp;
-    {
-        SCOPED_TRACE("not audio");
-        const std::string in = dir.file("noise.aiff");
-        test::writeFile(in, std::vector<uint8_t>(5000, 0x5A));
-        test::LogWatch log;
-        auto op = encode<LibsndfileEncodeOperation>(in);
-        EXPECT_FALSE(op->success());
-        EXPECT_TRUE(log.contains(
-            "Libsndfile Encode Operation Aborting.  Could Not Initialize Decoder For: " + in))
-            << testing::PrintToString(log.lines());
-    }
-    {
-        SCOPED_TRACE("cancelled");
-        const std::string in = dir.file("cancel.wav");
-        test::writeWav(in, test::makeSignal(44100 * 20, 2, 16), 2, 44100, 16);
-        auto op = encode<CancellingLibsndfileEncodeOperation>(in);
-        EXPECT_EQ(op->chunks, 8);
-    }
-    EXPECT_TRUE(outputFolder().empty()) << testing::PrintToString(outputFolder());
-    EXPECT_TRUE(tmp.leftovers().empty()) << testing::PrintToString(tmp.leftovers());
-}

@@ -49,19 +49,12 @@ private:
     std::optional<std::string> saved_;
 };
 
-// One source of the round-trip matrix.
+
+// The shape of one WAVE source.
 struct SourceCase {
     const char* name;
     uint32_t channels, bits, rate, mask;
 };
-inline const std::vector<SourceCase>& roundTripSources() {
-    static const std::vector<SourceCase> cases = {
-        {"mono8", 1, 8, 22050, 0},          {"stereo16", 2, 16, 44100, 0},
-        {"stereo24", 2, 24, 96000, 0},      {"surround16", 6, 16, 48000, 0x3F},
-        {"surround24", 6, 24, 48000, 0x3F},
-    };
-    return cases;
-}
 
 class LosslessEncoderTest : public ::testing::Test {
 protected:

@@ -389,19 +389,3 @@ TEST_F(MP3EncodeOperationTest, RetaggingLeavesTheAudioAlone) {
     expectValid(out, true);
 }
 
-TEST_F(MP3EncodeOperationTest, CancelledEncodeLeavesNothingBehind) {
-    test::ScopedTemporaryFolder tmp;
-    const std::string in = wavOf("long", test::tones(44100 * 20, 2, 24, 44100), 2, 44100, 24);
-    auto op = std::make_unique<CancellingMP3EncodeOperation>();
-    op->cancelAtChunk = 3;
-    op->initWithFilePath(in, in);
-    op->setSettings(settings);
-    op->setDelegate(&batch);
-    op->setMetadata(std::make_shared<AudioMetadata>());
-    test::runToEnd(*op);
-    EXPECT_TRUE(op->success()); // a cancel is not a failure
-    EXPECT_LT(op->chunks, 10);
-    EXPECT_FALSE(fs::exists(dir.file("out/long.mp3")));
-    EXPECT_TRUE(!fs::exists(dir.file("out")) || fs::is_empty(dir.file("out")));
-    EXPECT_TRUE(tmp.isEmpty());
-}

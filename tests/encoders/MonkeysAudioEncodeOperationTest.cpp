@@ -86,40 +86,6 @@ protected:
 
 } // namespace
 
-TEST_F(MonkeysAudioEncodeOperationTest, FLACAndWaveSourcesDecodeBitExactly) {
-    struct Case {
-        const char* name;
-        uint32_t channels, bits, rate;
-        bool flac;
-        int level;
-    } cases[] = {
-        {"stereo16", 2, 16, 44100, true, 2000},
-        {"mono24", 1, 24, 96000, true, 3000},
-        {"stereo8", 2, 8, 22050, false, 1000},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        settings->setMacCompressionLevel(c.level);
-        const auto signal = test::makeSignal(c.rate * 2 + 77, c.channels, c.bits, 5);
-        std::string source = dir.file(std::string(c.name) + ".wav");
-        test::writeWav(source, signal, c.channels, c.rate, c.bits);
-        if (c.flac) {
-            const std::string flac = dir.file(std::string(c.name) + ".flac");
-            ASSERT_EQ(test::runCommand("flac -s -f -o " + test::shellQuote(flac) + " " +
-                                       test::shellQuote(source))
-                          .exitCode,
-                      0);
-            source = flac;
-        }
-        test::LogWatch log;
-        auto op = run(source);
-        ASSERT_TRUE(op->success()) << testing::PrintToString(log.lines());
-        const std::string out = dir.file("out/" + std::string(c.name) + ".ape");
-        ASSERT_EQ(op->outFilePath(), out);
-        EXPECT_TRUE(test::sameBytes(decoded(out, c.bits), test::packLittleEndian(signal, c.bits)));
-    }
-}
-
 TEST_F(MonkeysAudioEncodeOperationTest, TagsAndPictureArriveAsAPEv2AndRetaggingKeepsTheAudio) {
     const auto signal = test::makeSignal(50000, 2, 16, 9);
     const std::string in = dir.file("tagged.wav");
@@ -171,38 +137,3 @@ TEST_F(MonkeysAudioEncodeOperationTest, TagsAndPictureArriveAsAPEv2AndRetaggingK
     EXPECT_TRUE(test::sameBytes(decoded(out, 16), pcm));
 }
 
-TEST_F(MonkeysAudioEncodeOperationTest, CancelAndBadInputLeaveNothingBehind) {
-    PrivateTemporaryFolder temporary;
-    {
-        SCOPED_TRACE("cancelled");
-        const std::string in = dir.file("long.wav");
-        test::writeWav(in, test::makeSignal(44100 * 20, 2, 16), 2, 44100, 16);
-        auto op = run<CancellingMonkeysAudioEncodeOperation>(in);
-        // Cancellation is looked at every eight chunks, far before the end.
-        EXPECT_EQ(op->chunks, 8);
-        EXPECT_TRUE(outputFolderIsEmpty());
-        EXPECT_TRUE(temporary.isEmpty());
-    }
-    {
-        SCOPED_TRACE("damaged input");
-        const std::string in = dir.file("damaged.flac");
-        test::writeFile(in, {'f', 'L', 'a', 'C', 0, 0, 0, 34, 1, 2, 3});
-        test::LogWatch log;
-        auto op = run(in);
-        EXPECT_FALSE(op->success());
-        EXPECT_FALSE(log.lines().empty());
-        EXPECT_TRUE(outputFolderIsEmpty());
-        EXPECT_TRUE(temporary.isEmpty());
-    }
-    {
-        SCOPED_TRACE("six channels");
-        const std::string in = dir.file("surround.wav");
-        test::writeWav(in, test::makeSignal(4000, 6, 16), 6, 48000, 16, 0x3F);
-        settings->setChannelMode(0);
-        test::LogWatch log;
-        auto op = run(in);
-        EXPECT_FALSE(op->success());
-        EXPECT_TRUE(outputFolderIsEmpty());
-        EXPECT_TRUE(temporary.isEmpty());
-    }
-}

@@ -108,20 +108,6 @@ public:
 
 } // namespace
 
-TEST_F(OggFLACEncodeOperationTest, EverySampleSizeAndLayoutDecodesBitExactlyWithFlac) {
-    for (const test::SourceCase& c : test::roundTripSources()) {
-        SCOPED_TRACE(c.name);
-        std::vector<int32_t> samples;
-        const std::string in = makeSource(c, samples);
-        test::LogWatch log;
-        auto op = encode<OggFLACEncodeOperation>(in);
-        ASSERT_TRUE(op->success()) << testing::PrintToString(log.lines());
-        const std::string out = dir.file(std::string("out/") + c.name + ".oga");
-        ASSERT_EQ(op->outFilePath(), out);
-        EXPECT_TRUE(test::sameBytes(decoded(out), test::packLittleEndian(samples, c.bits)));
-    }
-}
-
 TEST_F(OggFLACEncodeOperationTest, LongFileHasPaddingAndNoSeekTable) {
     prefs.set("writeMetadata", false);
     const std::string in = dir.file("long.wav");
@@ -231,27 +217,3 @@ TEST_F(OggFLACEncodeOperationTest, TagsAndPictureReachMutagenAndFfprobeAndRetagg
     EXPECT_TRUE(test::sameBytes(decoded(out), before));
 }
 
-TEST_F(OggFLACEncodeOperationTest, BadInputAndCancelLeaveNothingBehind) {
-    test::PrivateTMPDIR tmp;
-    {
-        SCOPED_TRACE("not audio");
-        const std::string in = dir.file("noise.flac");
-        test::writeFile(in, std::vector<uint8_t>(5000, 0x5A));
-        test::LogWatch log;
-        auto op = encode<OggFLACEncodeOperation>(in);
-        EXPECT_FALSE(op->success());
-        EXPECT_TRUE(log.contains(
-            "OGG FLAC Encode Operation Aborting.  Could Not Initialize Decoder For: " + in))
-            << testing::PrintToString(log.lines());
-    }
-    {
-        SCOPED_TRACE("cancelled");
-        const std::string in = dir.file("cancel.wav");
-        test::writeWav(in, test::makeSignal(44100 * 20, 2, 16), 2, 44100, 16);
-        auto op = encode<CancellingOggFLACEncodeOperation>(in);
-        // The loop looks at the flag every 8th chunk.
-        EXPECT_EQ(op->chunks, 8);
-    }
-    EXPECT_TRUE(outputFolder().empty()) << testing::PrintToString(outputFolder());
-    EXPECT_TRUE(tmp.leftovers().empty()) << testing::PrintToString(tmp.leftovers());
-}

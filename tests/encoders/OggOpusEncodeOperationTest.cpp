@@ -323,13 +323,3 @@ TEST_F(OggOpusEncodeOperationTest, TagsAndPictureArriveAndRetaggingKeepsTheAudio
     EXPECT_EQ(decoded(out, 48000), before);
 }
 
-TEST_F(OggOpusEncodeOperationTest, CancelledEncodeLeavesNothingBehind) {
-    const std::string in = dir.file("cancel.wav");
-    test::writeWav(in, test::tones(44100 * 20, 2, 44100, 16), 2, 44100, 16);
-    test::PrivateTemporaryFolder tmp;
-    auto op = encode<CancellingOpusOperation>(in);
-    EXPECT_GE(op->chunks, 2);
-    EXPECT_LT(op->chunks, 30) << "the loop did not stop";
-    EXPECT_FALSE(fs::exists(dir.file("out/cancel.opus")));
-    EXPECT_TRUE(tmp.isEmpty());
-}

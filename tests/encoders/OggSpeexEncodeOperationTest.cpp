@@ -251,13 +251,3 @@ TEST_F(OggSpeexEncodeOperationTest, TagsAndPictureArriveAndRetaggingKeepsTheAudi
     EXPECT_EQ(decoded(out), before);
 }
 
-TEST_F(OggSpeexEncodeOperationTest, CancelledEncodeLeavesNothingBehind) {
-    const std::string in = dir.file("cancel.wav");
-    test::writeWav(in, test::tones(16000 * 60, 1, 16000, 16), 1, 16000, 16);
-    test::PrivateTemporaryFolder tmp;
-    auto op = encode<CancellingSpeexOperation>(in);
-    EXPECT_GE(op->chunks, 2);
-    EXPECT_LT(op->chunks, 30) << "the loop did not stop";
-    EXPECT_FALSE(fs::exists(dir.file("out/cancel.spx")));
-    EXPECT_TRUE(tmp.isEmpty());
-}

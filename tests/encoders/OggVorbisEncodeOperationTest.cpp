@@ -267,18 +267,3 @@ TEST_F(OggVorbisEncodeOperationTest, TagsAndCoverArriveAndRetaggingKeepsTheAudio
     EXPECT_EQ(after, "Second Thoughts|1|" + test::md5Hex(bigger) + "\n");
 }
 
-TEST_F(OggVorbisEncodeOperationTest, CancelledEncodeLeavesNothingBehind) {
-    test::ScopedTemporaryFolder tmp;
-    const std::string in = wavOf("long", test::tones(44100 * 20, 2, 16, 44100), 2, 44100, 16);
-    auto op = std::make_unique<CancellingOggVorbisEncodeOperation>();
-    op->cancelAtChunk = 3;
-    op->initWithFilePath(in, in);
-    op->setSettings(settings);
-    op->setDelegate(&batch);
-    op->setMetadata(std::make_shared<AudioMetadata>());
-    test::runToEnd(*op);
-    EXPECT_TRUE(op->success());
-    EXPECT_LT(op->chunks, 10);
-    EXPECT_FALSE(fs::exists(dir.file("out/long.ogg")));
-    EXPECT_TRUE(tmp.isEmpty());
-}

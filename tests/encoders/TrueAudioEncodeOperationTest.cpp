@@ -78,23 +78,6 @@ public:
 
 } // namespace
 
-TEST_F(TrueAudioEncodeOperationTest, EverySampleSizeAndLayoutDecodesBitExactlyWithFfmpeg) {
-    // The channel mode asks for mono; True Audio keeps the source's channels.
-    settings->setChannelMode(3);
-    for (const test::SourceCase& c : test::roundTripSources()) {
-        SCOPED_TRACE(c.name);
-        std::vector<int32_t> samples;
-        // Several encoder frames and a short last one.
-        const std::string in = makeSource(c, samples, c.rate * 3 + 1001);
-        test::LogWatch log;
-        auto op = encode<TrueAudioEncodeOperation>(in);
-        ASSERT_TRUE(op->success()) << testing::PrintToString(log.lines());
-        const std::string out = dir.file(std::string("out/") + c.name + ".tta");
-        ASSERT_EQ(op->outFilePath(), out);
-        EXPECT_TRUE(test::sameBytes(decoded(out, c.bits), test::packLittleEndian(samples, c.bits)));
-    }
-}
-
 TEST_F(TrueAudioEncodeOperationTest, BitDepthSettingWidensAndRefusesThirtyTwoBits) {
     std::vector<int32_t> samples;
     const std::string in = makeSource({"widen", 2, 16, 44100, 0}, samples);
@@ -171,27 +154,3 @@ TEST_F(TrueAudioEncodeOperationTest, ID3TagsReachMutagenAndRetaggingKeepsTheAudi
     EXPECT_TRUE(test::sameBytes(decoded(out, 16), before));
 }
 
-TEST_F(TrueAudioEncodeOperationTest, BadInputAndCancelLeaveNothingBehind) {
-    test::PrivateTMPDIR tmp;
-    {
-        SCOPED_TRACE("not audio");
-        const std::string in = dir.file("noise.wav");
-        test::writeFile(in, std::vector<uint8_t>(5000, 0x5A));
-        test::LogWatch log;
-        auto op = encode<TrueAudioEncodeOperation>(in);
-        EXPECT_FALSE(op->success());
-        EXPECT_TRUE(log.contains(
-            "True Audio Encode Operation Aborting.  Could Not Initialize Decoder For: " + in))
-            << testing::PrintToString(log.lines());
-    }
-    {
-        SCOPED_TRACE("cancelled");
-        const std::string in = dir.file("cancel.wav");
-        test::writeWav(in, test::makeSignal(44100 * 20, 2, 16), 2, 44100, 16);
-        auto op = encode<CancellingTrueAudioEncodeOperation>(in);
-        // True Audio looks at the flag after every chunk.
-        EXPECT_EQ(op->chunks, 3);
-    }
-    EXPECT_TRUE(outputFolder().empty()) << testing::PrintToString(outputFolder());
-    EXPECT_TRUE(tmp.leftovers().empty()) << testing::PrintToString(tmp.leftovers());
-}
