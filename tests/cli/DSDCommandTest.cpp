@@ -82,23 +82,3 @@ TEST(DSDCommand, ProbeInfoAndConvertToFlacAgreeOnThePCM) {
     EXPECT_EQ(box.temporaryLeftovers(), std::vector<std::string>{});
 }
 
-TEST(DSDCommand, ATruncatedDSFIsNamedAndNeverConverted) {
-    CommandSandbox box;
-    const std::string good = makeTaggedDSF(box, "good.dsf", kDSD64 / 4);
-    auto bytes = readFile(good);
-    bytes.resize(bytes.size() / 2);
-    const std::string cut = box.src("cut.dsf");
-    writeFile(cut, bytes);
-
-    const Outcome r =
-        box.run("convert -f flac -o " + shellQuote(box.out()) + " " + shellQuote(box.src()));
-    EXPECT_EQ(r.exitCode, 1) << r.out << r.err;
-    const auto outputs = flacFilesBelow(box.out());
-    ASSERT_EQ(outputs.size(), 1u);
-    const Outcome probe = box.run("probe --json " + shellQuote(good));
-    EXPECT_EQ(pcmMD5ByFlac(outputs[0]), nlohmann::json::parse(probe.out).at(0)["pcmMD5"]);
-    EXPECT_NE(r.out.find("FAILED: " + cut + "\n"), std::string::npos) << r.out;
-    EXPECT_NE(r.err.find("DSDDecoder Unable To Parse DSD File: " + cut), std::string::npos)
-        << r.err;
-    EXPECT_EQ(box.temporaryLeftovers(), std::vector<std::string>{});
-}
