@@ -59,6 +59,7 @@ bool OggOpusDecoder::initWithFilename(const std::string& path) {
                 continue;
             opus_serialno_ = os_.serialno;
             link_out_ = 0;
+            link_decoded_ = 0;
             packet_count_ = 0;
             VLX_ASSERT(processHeader(packet), "Opus Proces Header Failed.");
         }
@@ -115,6 +116,7 @@ void OggOpusDecoder::takePage() {
     }
     VLX_ASSERT(ogg_stream_pagein(&os_, &og_) == 0, "Error reading Ogg page.");
     page_granule_ = ogg_page_granulepos(&og_);
+    lastPage_ = ogg_page_eos(&og_) != 0;
 }
 
 bool OggOpusDecoder::processHeader(const ogg_packet& packet) {
@@ -220,6 +222,7 @@ void OggOpusDecoder::startNewLink(const ogg_packet& packet) {
         resampler_.reset();
     shapemem_ = std::make_unique<NoiseShapedDither>(channels_, rate_);
     link_out_ = 0;
+    link_decoded_ = 0;
     packet_count_ = 1;
     linkFlushed_ = false;
 }
@@ -233,7 +236,14 @@ void OggOpusDecoder::handleAudioPacket(const ogg_packet& packet) {
     const int frames = opus_multistream_decode_float(
         st_.get(), packet.packet, int32_t(packet.bytes), output_.data(), int(kMaxPacketFrames), 0);
     VLX_ASSERT(frames >= 0, "Opus Decoding error: %s", opus_strerror(frames));
-    link_out_ += writeFrames(output_.data(), uint32_t(frames), maxOut());
+    // The last page's granule position trims the end at 48 kHz, before the
+    // resampler: its filter must run into silence there, not into the
+    // encoder's padding, or the final milliseconds differ from opusdec's.
+    int64_t kept = frames;
+    if (lastPage_ && page_granule_ >= 0)
+        kept = std::clamp<int64_t>(page_granule_ - link_decoded_, 0, frames);
+    link_decoded_ += frames;
+    link_out_ += writeFrames(output_.data(), uint32_t(kept), maxOut());
     incrementPacketCount();
     if (packet.e_o_s) {
         flushResampler();

@@ -76,6 +76,8 @@ private:
     int64_t page_granule_ = 0;
     int64_t last_granule_ = 0;
     int64_t link_out_ = 0;
+    int64_t link_decoded_ = 0; // 48 kHz frames decoded in this link, pre-skip included
+    bool lastPage_ = false;
     uint64_t packet_count_ = 0;
     int64_t totalSamples_ = -1;
     bool linkFlushed_ = false;
