@@ -10,6 +10,7 @@
 #include "core/FormatRegistry.h"
 #include "jobs/BatchUserInterface.h"
 #include "jobs/EncodeOperation.h"
+#include "jobs/EncoderDescriptor.h"
 #include "jobs/EncoderSettings.h"
 #include "jobs/FileEncodeOperation.h"
 #include "jobs/FormatSpecifiers.h"
@@ -81,8 +82,11 @@ void ApplicationController::saveUserDefaults() {
 // ---- Intake ----
 
 bool ApplicationController::containsMP3Files() const {
+    // The family is the registry's to say: a file is MP3 when its row is
+    // written by the MP3 encoder.
     return std::any_of(operations_.begin(), operations_.end(), [](const auto& job) {
-        return lowercaseExtension(job->inFilePath()) == "mp3";
+        const FormatEntry* entry = FormatRegistry::match(job->inFilePath()).entry;
+        return entry && entry->encoder && entry->encoder->encoderType == EncoderTypeMP3;
     });
 }
 

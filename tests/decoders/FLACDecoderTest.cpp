@@ -7,7 +7,7 @@
 #include <FLAC/stream_encoder.h>
 #include <gtest/gtest.h>
 
-#include "core/KDDecoder.h"
+#include "decoders/DecoderTestSupport.h"
 #include "decoders/FLACDecoder.h"
 #include "platform/ErrorLog.h"
 #include "platform/Exception.h"
@@ -17,33 +17,6 @@ using namespace velvox;
 using namespace velvox::test;
 
 namespace {
-
-struct Decoded {
-    std::vector<uint8_t> pcm;
-    uint64_t frames = 0;
-};
-
-Decoded decodeAll(KDDecoder& decoder, uint32_t framesPerRead = 16384) {
-    Decoded d;
-    const auto format = decoder.decodeFormat();
-    std::vector<uint8_t> buffer(size_t(framesPerRead) * format.mBytesPerFrame);
-    for (int idle = 0; idle < 1000;) {
-        auto list = AudioBufferList::single(buffer.data(), uint32_t(buffer.size()),
-                                            format.mChannelsPerFrame);
-        const uint32_t n = decoder.readAudio(&list, framesPerRead);
-        if (n == 0) {
-            if (decoder.isEndOfFile())
-                break;
-            ++idle;
-            continue;
-        }
-        EXPECT_EQ(list.mBuffers[0].mDataByteSize, n * format.mBytesPerFrame);
-        EXPECT_EQ(list.mBuffers[0].mNumberChannels, format.mChannelsPerFrame);
-        d.pcm.insert(d.pcm.end(), buffer.begin(), buffer.begin() + n * format.mBytesPerFrame);
-        d.frames += n;
-    }
-    return d;
-}
 
 // What the reference decoder makes of the file, as signed little-endian PCM.
 std::vector<uint8_t> referencePCM(const std::string& flacPath, bool ogg = false) {
@@ -99,7 +72,7 @@ TEST_P(FLACBitExact, MatchesReferenceDecoderAndSourceSamples) {
     EXPECT_EQ(f.mFramesPerPacket, 1u);
     EXPECT_EQ(decoder->totalFrames(), 30000);
 
-    const Decoded d = decodeAll(*decoder, 4096);
+    const Decoded d = decodeAll(*decoder, {4096});
     EXPECT_EQ(d.frames, 30000u);
     EXPECT_EQ(decoder->currentFrame(), 30000);
     EXPECT_EQ(md5Hex(d.pcm), md5Hex(referencePCM(path)));

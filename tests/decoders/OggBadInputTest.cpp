@@ -10,7 +10,7 @@
 
 #include "cli/BatchCommandSandbox.h"
 #include "core/KDDecoder.h"
-#include "decoders/OggTestSupport.h"
+#include "decoders/DecoderTestSupport.h"
 #include "platform/ErrorLog.h"
 #include "platform/Exception.h"
 

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "core/KDDecoder.h"
-#include "decoders/OggTestSupport.h"
+#include "decoders/DecoderTestSupport.h"
 #include "platform/ErrorLog.h"
 #include "platform/Exception.h"
 

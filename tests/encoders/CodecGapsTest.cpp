@@ -10,7 +10,7 @@
 
 #include "core/KDDecoder.h"
 #include "decoders/FFMPEGDecoder.h"
-#include "decoders/LibraryDecoderTestSupport.h"
+#include "decoders/DecoderTestSupport.h"
 #include "encoders/LibavMuxerBackEnd.h"
 #include "support/TestSupport.h"
 
