@@ -213,8 +213,8 @@ TEST(TagCommand, AFileThatCannotBeWrittenIsReportedAsATagFailure) {
     const std::string file = box.src("song.flac");
     ASSERT_NO_FATAL_FAILURE(makeFLAC(file, true, 9));
     const std::vector<uint8_t> before = readFile(file);
-    for (const std::string command : {"tag --set trackTitle=New " + shellQuote(file),
-                                      "convert --update-tags " + shellQuote(file)}) {
+    for (const std::string& command : {"tag --set trackTitle=New " + shellQuote(file),
+                                       "convert --update-tags " + shellQuote(file)}) {
         SCOPED_TRACE(command);
         const Outcome r = box.runWithMount(box.src(), "ro", command);
         EXPECT_EQ(r.exitCode, 1) << r.out << r.err;
