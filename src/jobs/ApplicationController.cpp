@@ -136,10 +136,23 @@ void ApplicationController::parseDroppedFiles(const std::vector<std::string>& pa
     if (refused)
         return;
 
+    // A folder that holds the output folder is walked without it: what an
+    // earlier run wrote there is not a source of this one.
+    UserDefaults& defaults = UserDefaults::standardUserDefaults();
+    const std::string destination =
+        defaults.boolForKey("outputSameAsSource")
+            ? std::string()
+            : defaults.stringForKey("destinationDirectory").value_or("");
+    auto isDestination = [&destination](const fs::path& folder) {
+        std::error_code ec;
+        return !destination.empty() && fs::equivalent(folder, destination, ec);
+    };
+
     auto add = [this](const std::string& file, const std::string& topLevel) {
         performOnMainThread(
             [&] {
-                if (!isQueued(file)) {
+                // Nor is a file this batch has written.
+                if (!isQueued(file) && !createdOutputPathsContains(file)) {
                     addFileEncodeOperationToQueueWithFilePath(file, topLevel);
                     if (ui_)
                         ui_->operationsDidChange();
@@ -160,7 +173,7 @@ void ApplicationController::parseDroppedFiles(const std::vector<std::string>& pa
             for (; !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
                 if (stop_)
                     break;
-                if (isHidden(it->path())) {
+                if (isHidden(it->path()) || (it->is_directory(ec) && isDestination(it->path()))) {
                     if (it->is_directory(ec))
                         it.disable_recursion_pending();
                     continue;
