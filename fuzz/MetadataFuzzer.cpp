@@ -41,8 +41,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 1)
         return 0;
     const std::vector<std::string>& extensions = registryExtensions();
-    const std::string path = "/tmp/velvox-metadata-fuzz-" + std::to_string(getpid()) + "." +
-                             extensions[data[0] % extensions.size()];
+    // A folder of its own: readers look beside the file (artwork named by
+    // pattern), and a shared /tmp would make every input a folder scan.
+    static const std::string folder = [] {
+        char pattern[] = "/tmp/velvox-metadata-fuzz-XXXXXX";
+        return std::string(mkdtemp(pattern) ? pattern : "/tmp");
+    }();
+    const std::string path = folder + "/input." + extensions[data[0] % extensions.size()];
     std::FILE* file = std::fopen(path.c_str(), "wb");
     if (!file)
         return 0;
