@@ -43,11 +43,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::vector<std::string>& extensions = registryExtensions();
     // A folder of its own: readers look beside the file (artwork named by
     // pattern), and a shared /tmp would make every input a folder scan.
-    static const std::string folder = [] {
-        char pattern[] = "/tmp/velvox-metadata-fuzz-XXXXXX";
-        return std::string(mkdtemp(pattern) ? pattern : "/tmp");
-    }();
-    const std::string path = folder + "/input." + extensions[data[0] % extensions.size()];
+    static const struct Folder {
+        Folder() {
+            char pattern[] = "/tmp/velvox-metadata-fuzz-XXXXXX";
+            path = mkdtemp(pattern) ? pattern : "/tmp";
+        }
+        ~Folder() { rmdir(path.c_str()); }
+        std::string path;
+    } folder;
+    const std::string path = folder.path + "/input." + extensions[data[0] % extensions.size()];
     std::FILE* file = std::fopen(path.c_str(), "wb");
     if (!file)
         return 0;
