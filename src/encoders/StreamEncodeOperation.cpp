@@ -446,6 +446,8 @@ void StreamEncodeOperation::moveToOutputLocation() {
     didMoveEncodedFile();
     if (UserDefaults::standardUserDefaults().boolForKey("saveAlbumArtworkToFile"))
         saveAlbumArtworkToFile();
+    if (UserDefaults::standardUserDefaults().boolForKey("addToiTunesLibrary"))
+        addToiTunes();
 }
 
 } // namespace velvox
