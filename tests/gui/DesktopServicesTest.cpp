@@ -8,6 +8,7 @@
 
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
+#include <QMessageBox>
 #include <QStringList>
 #include <QtTest>
 
@@ -68,13 +69,17 @@ void DesktopServicesTest::mailHandsTheSavedLogToXdgEmail() {
     const fs::path bin = root.path() / "bin";
     fs::create_directories(bin);
     const std::string record = root.file("arguments");
-    // Each argument on a line of its own; the attachment copied, since the
-    // window may remove or rewrite its file later.
-    std::ofstream(bin / "xdg-email")
-        << "#!/bin/sh\nfor a in \"$@\"; do printf '%s\\n' \"$a\"; done > '" << record
-        << ".tmp'\nwhile [ $# -gt 0 ]; do [ \"$1\" = --attach ] && cp \"$2\" '" << record
-        << ".attachment'; shift; done\nmv '" << record << ".tmp' '" << record << "'\n";
-    fs::permissions(bin / "xdg-email", fs::perms::owner_all);
+    // Records each argument on a line of its own and copies the attachment
+    // (the window may rewrite its file later); answers `status`, where 3 is
+    // xdg-email's "no mail client".
+    auto fakeXdgEmail = [&](int status) {
+        std::ofstream(bin / "xdg-email")
+            << "#!/bin/sh\nfor a in \"$@\"; do printf '%s\\n' \"$a\"; done > '" << record
+            << ".tmp'\nwhile [ $# -gt 0 ]; do [ \"$1\" = --attach ] && cp \"$2\" '" << record
+            << ".attachment'; shift; done\nmv '" << record << ".tmp' '" << record << "'\nexit "
+            << status << "\n";
+        fs::permissions(bin / "xdg-email", fs::perms::owner_all);
+    };
     const QByteArray path = qgetenv("PATH");
     qputenv("PATH", QByteArray::fromStdString(bin.string()) + ":" + path);
     qputenv("TMPDIR", QByteArray::fromStdString(root.path().string()));
@@ -83,9 +88,9 @@ void DesktopServicesTest::mailHandsTheSavedLogToXdgEmail() {
     ErrorLog::sharedController().logMessage("Could Not Add song.mp3 To The Music Library.");
     ErrorLogWindow window;
     window.reload();
+    fakeXdgEmail(0);
     QVERIFY(window.mail());
     QTRY_VERIFY_WITH_TIMEOUT(fs::exists(record), 10000);
-    qputenv("PATH", path);
 
     const auto bytes = test::readFile(record);
     const QStringList arguments =
@@ -93,12 +98,24 @@ void DesktopServicesTest::mailHandsTheSavedLogToXdgEmail() {
             .split('\n', Qt::SkipEmptyParts);
     const qsizetype attach = arguments.indexOf("--attach");
     QVERIFY2(attach >= 0 && attach + 1 < arguments.size(), qPrintable(arguments.join(' ')));
-    QVERIFY(fs::path(arguments[attach + 1].toStdString()).is_absolute());
+    const QString attached = arguments[attach + 1];
+    QVERIFY(fs::path(attached.toStdString()).is_absolute());
     QCOMPARE(arguments.mid(0, 2), (QStringList{"--subject", "Velvox error log"}));
-    const auto attached = test::readFile(record + ".attachment");
-    QVERIFY(QString::fromUtf8(reinterpret_cast<const char*>(attached.data()),
-                              qsizetype(attached.size()))
+    const auto copy = test::readFile(record + ".attachment");
+    QVERIFY(QString::fromUtf8(reinterpret_cast<const char*>(copy.data()), qsizetype(copy.size()))
                 .contains("Could Not Add song.mp3 To The Music Library."));
+    QTest::qWait(200);
+    QVERIFY(!window.findChild<QMessageBox*>("mailFailure"));
+
+    // No mail client: the user is told where the log is.
+    fs::remove(record);
+    fakeXdgEmail(3);
+    QVERIFY(window.mail());
+    QMessageBox* failure = nullptr;
+    QTRY_VERIFY_WITH_TIMEOUT((failure = window.findChild<QMessageBox*>("mailFailure")), 10000);
+    QVERIFY(fs::exists(record));
+    QVERIFY(failure->text().contains(root.path().string().c_str()));
+    qputenv("PATH", path);
     ErrorLog::sharedController().clear();
 }
 
