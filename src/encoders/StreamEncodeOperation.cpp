@@ -462,6 +462,8 @@ void StreamEncodeOperation::moveToOutputLocation() {
     didMoveEncodedFile();
     if (UserDefaults::standardUserDefaults().boolForKey("saveAlbumArtworkToFile"))
         saveAlbumArtworkToFile();
+    if (UserDefaults::standardUserDefaults().boolForKey("addToiTunesLibrary"))
+        addToiTunes();
 }
 
 } // namespace velvox

@@ -322,6 +322,22 @@ void ApplicationController::removeJob(const std::shared_ptr<FileEncodeOperation>
         --nextIndex_;
 }
 
+// Takes its own list: callers may pass operations() itself.
+size_t
+ApplicationController::removeOperations(std::vector<std::shared_ptr<FileEncodeOperation>> jobs) {
+    size_t removed = 0;
+    for (const auto& job : jobs) {
+        if (job->isExecuting() ||
+            std::find(operations_.begin(), operations_.end(), job) == operations_.end())
+            continue;
+        removeJob(job);
+        ++removed;
+    }
+    if (removed > 0 && ui_)
+        ui_->operationsDidChange();
+    return removed;
+}
+
 // Jobs before the cursor have been started in this batch (and are running,
 // finished and gone, or kept and reset); jobs from it on have not.
 void ApplicationController::startNextJobs() {

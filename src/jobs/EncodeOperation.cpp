@@ -20,6 +20,7 @@
 #include "platform/Exception.h"
 #include "platform/FileManager.h"
 #include "platform/MainRunLoop.h"
+#include "platform/MusicLibrary.h"
 #include "platform/StorageFailure.h"
 #include "platform/StringFormat.h"
 #include "platform/TaggingThread.h"
@@ -549,6 +550,19 @@ void EncodeOperation::saveAlbumArtworkToFile() {
     const fs::path target = fs::path(*out).parent_path() / (name + "." + extension);
     if (artwork->writeToFile(target))
         FileManager::clearQuarantine(target);
+}
+
+void EncodeOperation::addToiTunes() {
+    const auto out = outFilePath();
+    if (!out || !success() || !isItunesCompatible())
+        return;
+    UserDefaults& defaults = UserDefaults::standardUserDefaults();
+    // A playlist name is no file name: the values go in as they are.
+    const std::string playlist =
+        expandFormatSpecifiers(defaults.stringForKey("iTunesPlaylistName"), metadata().get(),
+                               settings_.get(), inFilePath_, false);
+    MusicLibrary::sharedLibrary().addFile(*out, playlist,
+                                          defaults.boolForKey("addToiTunesPlaylist"), cancelled_);
 }
 
 } // namespace velvox

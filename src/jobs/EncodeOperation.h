@@ -61,6 +61,10 @@ public:
     static std::string companionPath(const std::string& path);
     void updateMetadataOnly();
     void saveAlbumArtworkToFile();
+    // Operation thread, after the move: adds the output to the desktop music
+    // library (and its playlist, "addToiTunesPlaylist") when this encoder's
+    // files belong there. A library that refuses is logged; the encode stands.
+    void addToiTunes();
 
     // Progress of a decoder that first decodes its whole input to a file.
     void decoderDidUpdateProgressPercent(KDDecoder& decoder, double progress) override;

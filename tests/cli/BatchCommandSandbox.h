@@ -71,8 +71,15 @@ public:
 
     // "NAME=VALUE" for each variable the program gets besides the inherited.
     std::vector<std::string> environment() const {
-        return {"XDG_CONFIG_HOME=" + path("config", ""), "XDG_DATA_HOME=" + path("data", ""),
-                "TMPDIR=" + path("tmp", "")};
+        std::vector<std::string> variables{"XDG_CONFIG_HOME=" + path("config", ""),
+                                           "XDG_DATA_HOME=" + path("data", ""),
+                                           "TMPDIR=" + path("tmp", "")};
+        variables.insert(variables.end(), extra_.begin(), extra_.end());
+        return variables;
+    }
+    // One more variable for every later run.
+    void setEnvironment(const std::string& name, const std::string& value) {
+        extra_.push_back(name + "=" + value);
     }
 
     // Runs `velvox ARGS` with no terminal on standard input.
@@ -165,6 +172,7 @@ private:
     }
 
     TempDir dir_;
+    std::vector<std::string> extra_;
 };
 
 // Runs a shell command that has to succeed (fixture making).
