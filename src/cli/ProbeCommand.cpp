@@ -98,6 +98,8 @@ ProbeCommand::Result ProbeCommand::probe(const std::string& path) {
                                        "or damaged",
                                        path, (unsigned long long)r.framesDecoded,
                                        (long long)r.totalFrames);
+        } else if (!decoder->damage().empty()) {
+            r.error = path + ": " + decoder->damage();
         }
     } catch (const Exception& e) {
         r.error = path + ": " + e.reason();

@@ -59,12 +59,23 @@ public:
     // Whether totalFrames() is the exact length (and not an estimate), so that
     // delivering fewer frames means the file is damaged.
     virtual bool totalFramesIsExact() const { return false; }
+    // Why the audio delivered is not the whole of the file (a lost page, a
+    // frame that failed its checksum), or empty. The decoder goes on past
+    // such damage so that what can be read stays available; whoever consumes
+    // the audio decides whether a damaged file may pass. Read on the thread
+    // that decodes.
+    const std::string& damage() const { return damage_; }
 
     DecoderDelegate* delegate() const { return delegate_; }
     void setDelegate(DecoderDelegate* delegate) { delegate_ = delegate; }
 
 protected:
     void setEndOfFile(bool value) { isEndOfFile_ = value; }
+    // Keeps the first cause: later damage usually follows from it.
+    void noteDamage(const std::string& what) {
+        if (damage_.empty())
+            damage_ = what;
+    }
     void setChannelLayout(std::unique_ptr<AudioChannelLayout> layout) {
         mChannelLayout_ = std::move(layout);
     }
@@ -76,6 +87,7 @@ private:
     std::unique_ptr<AudioChannelLayout> mChannelLayout_;
     std::unique_ptr<RingBuffer> pcmBuffer_;
     int64_t currentFrame_ = 0;
+    std::string damage_;
     bool isEndOfFile_ = false;
     std::atomic<bool> cancelled_ = false;
     DecoderDelegate* delegate_ = nullptr;

@@ -190,9 +190,12 @@ void OggOpusDecoder::fillPCMBuffer() {
                 return;
             }
         } else if (r < 0) {
-            // Packets were lost (a page missing or failing its CRC): the file
-            // cannot be converted whole.
-            VLX_ASSERT(false, "Ogg loss of streaming.");
+            // Packets were lost (a page missing or failing its CRC): decoding
+            // goes on after the hole, but the file is no longer whole.
+            if (damage().empty())
+                ErrorLog::sharedController().logMessage(stringWithFormat(
+                    "Ogg Opus Decoder Skipped Missing Or Damaged Data In File: %@", inFilePath()));
+            noteDamage("Ogg loss of streaming.");
         } else if (readPage()) {
             takePage();
         } else {

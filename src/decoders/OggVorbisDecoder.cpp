@@ -75,8 +75,16 @@ void OggVorbisDecoder::fillPCMBuffer() {
         int section = 0;
         const long n =
             ov_read(&oggVorbisFile_, region + total, int(space - total), 0, 2, 1, &section);
-        // A hole (a page lost or failing its CRC) is a failure like any
-        // other: converting past it would pass lost audio off as whole.
+        // A hole (a page lost or failing its CRC) is logged and skipped, so
+        // that what follows stays readable; the file is no longer whole.
+        if (n == OV_HOLE) {
+            if (damage().empty())
+                ErrorLog::sharedController().logMessage(stringWithFormat(
+                    "Ogg Vorbis Decoder Skipped Missing Or Damaged Data In File: %@",
+                    inFilePath()));
+            noteDamage("ov_read Failed.");
+            continue;
+        }
         VLX_ASSERT(n >= 0, "ov_read Failed.");
         if (n == 0) {
             // What a cut file holds decodes cleanly; only its end tells.

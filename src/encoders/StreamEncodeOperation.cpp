@@ -421,23 +421,33 @@ void StreamEncodeOperation::encodeFile(const std::string& formatDescription) {
 }
 
 void StreamEncodeOperation::checkInputWasWhole(const KDDecoder& decoder) const {
-    // A file that gives no audio, or less than it says it holds, is damaged:
-    // passing it off as converted would cost the user the difference.
+    // A file that gives no audio, less than it says it holds, or audio its
+    // decoder found damaged is not whole: passing it off as converted would
+    // cost the user the difference.
     const int64_t delivered = decoder.currentFrame();
     VLX_ASSERT(delivered > 0, "The input holds no audio.");
-    if (!decoder.totalFramesIsExact() || delivered >= decoder.totalFrames())
+    std::string cause;
+    std::string warning;
+    if (decoder.totalFramesIsExact() && delivered < decoder.totalFrames()) {
+        cause = stringWithFormat("The input ended after %lld of %lld frames.",
+                                 (long long)delivered, (long long)decoder.totalFrames());
+        warning = stringWithFormat("Only %lld of %lld Frames Could Be Decoded",
+                                   (long long)delivered, (long long)decoder.totalFrames());
+    } else if (!decoder.damage().empty()) {
+        cause = decoder.damage();
+        warning = decoder.damage();
+    } else {
         return;
+    }
     // The user may choose to keep what could be read of a damaged file; the
     // log still says what is missing.
     if (UserDefaults::standardUserDefaults().boolForKey("allowIncompleteInput")) {
         ErrorLog::sharedController().logMessage(stringWithFormat(
-            "Warning: %@ Is Incomplete.  Only %lld of %lld Frames Could Be Decoded; The Output "
-            "Keeps Them.",
-            inFilePath(), (long long)delivered, (long long)decoder.totalFrames()));
+            "Warning: %@ Is Incomplete.  %@; The Output Keeps What Could Be Decoded.",
+            inFilePath(), warning));
         return;
     }
-    VLX_ASSERT(false, "The input ended after %lld of %lld frames.", (long long)delivered,
-               (long long)decoder.totalFrames());
+    VLX_ASSERT(false, "%@", cause);
 }
 
 std::string StreamEncodeOperation::progressText(const std::string& formatDescription) const {
