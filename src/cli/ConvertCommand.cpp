@@ -48,6 +48,8 @@ void ConvertCommand::addTo(CLI::App& app) {
                        "Leave out output formats of the source's own type");
     command_->add_flag("--update-tags", updateTags_,
                        "Only rewrite the tags of the files, in place");
+    command_->add_flag("--report-tags", reportTags_,
+                       "List the tags of each source that its outputs could not hold");
     command_->add_option("PATH", paths_, "Audio files and folders")->required();
     command_->footer(OutputFormatArgument::syntaxHelp() +
                      "\n\nCtrl-C cancels the batch: files under way are abandoned and no "
@@ -159,6 +161,7 @@ int ConvertCommand::execute(std::ostream& out, std::ostream& err) const {
     const InputPaths inputs = InputPaths::check(paths_, err);
     BatchConsole console(out, err,
                          updateTags_ ? BatchConsole::Mode::Tag : BatchConsole::Mode::Convert);
+    console.setShowsInfoLines(reportTags_);
     if (inputs.usable().empty())
         return 1;
     return console.run(controller, inputs.usable(), inputs.rejectedCount(), nullptr);

@@ -37,6 +37,7 @@ private:
     bool deleteOriginal_ = false;
     bool skipSameType_ = false;
     bool updateTags_ = false;
+    bool reportTags_ = false;
     std::vector<std::string> paths_;
 };
 

@@ -470,6 +470,20 @@ std::unique_ptr<AudioMetadata> AudioMetadata::metadataFromFile(const std::string
     return metadata;
 }
 
+std::unique_ptr<AudioMetadata> AudioMetadata::tagsFromFile(const std::string& path) {
+    std::unique_ptr<AudioMetadata> metadata;
+    try {
+        const FormatRegistry::Match family = FormatRegistry::match(path);
+        if (family.entry && family.entry->readMetadata)
+            metadata = family.entry->readMetadata(path);
+        else if (!family.isOgg)
+            metadata = readCoreAudioFile(path);
+    } catch (const std::exception&) {
+        // A file we cannot read again has no tags we can vouch for.
+    }
+    return metadata ? std::move(metadata) : std::make_unique<AudioMetadata>();
+}
+
 void AudioMetadata::readAlbumArtworkFromFilename(const std::string& patternPath,
                                                  AudioMetadata& metadata) {
     const std::filesystem::path patternLocation(patternPath);
