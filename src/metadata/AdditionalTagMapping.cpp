@@ -1,13 +1,16 @@
 #include "metadata/AdditionalTagMapping.h"
 
 #include <algorithm>
+#include <memory>
 #include <set>
 
 #include <taglib/apetag.h>
 #include <taglib/asftag.h>
+#include <taglib/id3v2framefactory.h>
 #include <taglib/id3v2tag.h>
 #include <taglib/infotag.h>
 #include <taglib/mp4tag.h>
+#include <taglib/textidentificationframe.h>
 #include <taglib/tpropertymap.h>
 #include <taglib/xiphcomment.h>
 
@@ -54,13 +57,16 @@ const std::optional<std::string>* multiValueField(const AudioMetadata& metadata,
 
 // The source's several values of a field, while the field still holds what
 // the reading rules made of them (a single text or the values joined by a
-// blank). Once the user has edited the field, the field alone counts.
+// blank or a comma). Once the user has edited the field, the field alone
+// counts.
 const std::vector<std::string>* heldValues(const AudioMetadata& metadata, const std::string& key) {
     const std::optional<std::string>* field = multiValueField(metadata, key);
     const std::vector<std::string>* values = metadata.additionalTag(key);
     if (!field || !*field || !values || values->size() < 2)
         return nullptr;
-    if (**field == joined(*values, " ") || **field == values->front())
+    // TagLib joins them with a blank, or with ", " for MP4 items.
+    if (**field == joined(*values, " ") || **field == joined(*values, ", ") ||
+        **field == values->front())
         return values;
     return nullptr;
 }
@@ -107,6 +113,11 @@ std::string freeFormName(const std::string& atom) {
 }
 
 constexpr const char* kFreeFormPrefix = "----:com.apple.iTunes:";
+
+// Text frames the tagging tools use that TagLib 1.13 gives no property name.
+constexpr std::pair<const char*, const char*> kUnnamedID3v2Frames[] = {
+    {"TSST", "DISCSUBTITLE"},
+};
 
 // Gapless and level facts of the source's encode, which do not hold for ours.
 bool isEncoderFreeForm(const std::string& name) {
@@ -169,6 +180,20 @@ void AdditionalTagMapping::addFromProperties(const TagLib::PropertyMap& properti
     }
 }
 
+TagLib::PropertyMap AdditionalTagMapping::propertiesOf(const TagLib::ID3v2::Tag& tag) {
+    TagLib::PropertyMap properties = tag.properties();
+    for (const auto& [id, name] : kUnnamedID3v2Frames) {
+        const auto found = tag.frameListMap().find(id);
+        if (found == tag.frameListMap().end() || properties.contains(name))
+            continue;
+        for (const TagLib::ID3v2::Frame* frame : found->second)
+            if (const auto* text =
+                    dynamic_cast<const TagLib::ID3v2::TextIdentificationFrame*>(frame))
+                properties[name].append(text->fieldList());
+    }
+    return properties;
+}
+
 TagLib::PropertyMap AdditionalTagMapping::propertiesOf(const TagLib::MP4::Tag& tag) {
     TagLib::PropertyMap properties = tag.properties();
     for (const auto& [atom, item] : tag.itemMap()) {
@@ -226,8 +251,19 @@ void AdditionalTagMapping::writeID3v2(TagLib::ID3v2::Tag& tag, const AudioMetada
     // The ID3v2 writer starts from an empty tag, so nothing is stale here.
     // TagLib builds the frames (TXXX for names without a frame of their
     // own, UFID for the MusicBrainz recording id) in a scratch tag.
+    TagLib::PropertyMap properties = propertiesToWrite(metadata, encodedByWritten);
+    for (const auto& [id, name] : kUnnamedID3v2Frames) {
+        if (!properties.contains(name))
+            continue;
+        auto frame = std::make_unique<TagLib::ID3v2::TextIdentificationFrame>(
+            TagLib::ByteVector(id), TagLib::ID3v2::FrameFactory::instance()->defaultTextEncoding());
+        frame->setText(properties[name]);
+        properties.erase(name);
+        tag.removeFrames(id);
+        tag.addFrame(frame.release()); // the tag owns its frames
+    }
     TagLib::ID3v2::Tag scratch;
-    scratch.setProperties(propertiesToWrite(metadata, encodedByWritten));
+    scratch.setProperties(properties);
     // No copy of the scratch tag's list is kept: copies share its storage,
     // and with it the duty to delete the frames.
     while (!scratch.frameList().isEmpty()) {

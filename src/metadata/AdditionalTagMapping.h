@@ -31,7 +31,9 @@ public:
     // Adds the properties of one tag that no record field takes, keeping a
     // key an earlier (higher-precedence) tag already gave.
     static void addFromProperties(const TagLib::PropertyMap& properties, AudioMetadata& metadata);
-    // The whole of one tag of each kind, free-form items included.
+    // The whole of one tag of each kind, free-form items included, and the
+    // ID3v2 frames TagLib has no name for.
+    static TagLib::PropertyMap propertiesOf(const TagLib::ID3v2::Tag& tag);
     static TagLib::PropertyMap propertiesOf(const TagLib::MP4::Tag& tag);
     static TagLib::PropertyMap propertiesOf(const TagLib::ASF::Tag& tag);
 

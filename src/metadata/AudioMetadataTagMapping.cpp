@@ -321,7 +321,7 @@ void AudioMetadata::addInfoFromID3v1Tag(const TagLib::ID3v1::Tag* tag, AudioMeta
 void AudioMetadata::addInfoFromID3v2Tag(const TagLib::ID3v2::Tag* tag, AudioMetadata& metadata) {
     if (!tag)
         return;
-    AdditionalTagMapping::addFromProperties(tag->properties(), metadata);
+    AdditionalTagMapping::addFromProperties(AdditionalTagMapping::propertiesOf(*tag), metadata);
     using M = AudioMetadata;
     // TagLib's own comment() falls back to a described comment such as
     // iTunNORM; the comment is read from the frames below instead.
@@ -639,6 +639,10 @@ void AudioMetadata::addInfoFromASFTag(const TagLib::ASF::Tag* tag, AudioMetadata
             }
         }
     }
+    // The copyright most writers keep in the content description rather
+    // than in an attribute.
+    if (!metadata.trackCopyright() && !tag->copyright().isEmpty())
+        metadata.setTrackCopyright(utf8(tag->copyright()));
 }
 
 } // namespace velvox

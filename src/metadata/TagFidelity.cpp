@@ -57,11 +57,10 @@ void checkPicture(const AudioMetadata& w, const AudioMetadata& r, std::vector<st
     if (!written || !written->data() || written->data()->empty())
         return;
     const auto& read = r.albumArtwork();
-    if (!read || !read->data() || *read->data() != *written->data()) {
+    const bool arrived = read && read->data() && *read->data() == *written->data();
+    if (!arrived)
         lost.emplace_back("PICTURE");
-        return;
-    }
-    if (present(written->comments()) && read->comments() != written->comments())
+    if (present(written->comments()) && (!arrived || read->comments() != written->comments()))
         lost.emplace_back("PICTURE DESCRIPTION");
 }
 
