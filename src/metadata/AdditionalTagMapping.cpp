@@ -148,17 +148,22 @@ TagLib::PropertyMap probe(const TagLib::String& name, const TagLib::ASF::Attribu
 
 bool AdditionalTagMapping::isFieldKey(const std::string& key) {
     // Every name the reading rules take into a field, in every tag kind,
-    // and the picture fields of a Xiph comment.
+    // and the picture fields of a Xiph comment. TagLib 1.13 calls ID3v2's
+    // TIT1 and ASF's content group, which the record reads as the grouping,
+    // WORK.
     static const std::set<std::string> names = {
-        "TITLE",          "ARTIST",       "AUTHOR",      "ALBUM",
-        "YEAR",           "DATE",         "DESCRIPTION", "COMMENT",
-        "TRACKNUMBER",    "TRACKNUM",     "TRACK",       "TRACKTOTAL",
-        "TOTALTRACKS",    "DISCNUMBER",   "DISCNUM",     "DISC",
-        "DISCTOTAL",      "TOTALDISCS",   "GENRE",       "GROUPING",
-        "CONTENTGROUP",   "COMPOSER",     "ALBUMARTIST", "LYRICS",
-        "UNSYNCEDLYRICS", "BPM",          "KEY",         "INITIALKEY",
-        "ISRC",           "COMPILATION",  "COPYRIGHT",   "METADATA_BLOCK_PICTURE",
-        "COVERART",       "COVERARTMIME", "APIC"};
+        "TITLE",       "ARTIST",         "AUTHOR",
+        "ALBUM",       "YEAR",           "DATE",
+        "DESCRIPTION", "COMMENT",        "TRACKNUMBER",
+        "TRACKNUM",    "TRACK",          "TRACKTOTAL",
+        "TOTALTRACKS", "DISCNUMBER",     "DISCNUM",
+        "DISC",        "DISCTOTAL",      "TOTALDISCS",
+        "GENRE",       "GROUPING",       "CONTENTGROUP",
+        "WORK",        "COMPOSER",       "ALBUMARTIST",
+        "LYRICS",      "UNSYNCEDLYRICS", "BPM",
+        "KEY",         "INITIALKEY",     "ISRC",
+        "COMPILATION", "COPYRIGHT",      "METADATA_BLOCK_PICTURE",
+        "COVERART",    "COVERARTMIME",   "APIC"};
     return names.contains(key);
 }
 

@@ -63,6 +63,7 @@ TEST(FLACExtrasCarry, CueSheetAndReplayGainGoWhereTheyStillHold) {
 
     auto convert = [&](const std::string& format, const std::string& name) {
         const std::string folder = box.out(name);
+        std::filesystem::create_directories(folder);
         const Outcome r =
             box.run("convert -f " + format + " --naming '{trackTitle}' -o " + shellQuote(folder) +
                     " --set writeEncodedByMetadataTag=false " + shellQuote(source));

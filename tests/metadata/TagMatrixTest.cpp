@@ -200,6 +200,7 @@ TEST_P(TagMatrix, EveryKeyArrivesWholeOrIsReported) {
     for (const Target& target : targets()) {
         SCOPED_TRACE(target.word + target.preferences);
         const std::string folder = box.out(target.word + std::to_string(target.preferences.size()));
+        fs::create_directories(folder);
         const Outcome r =
             box.run("convert --report-tags -f " + target.word + " -o " + shellQuote(folder) +
                     keepSoftware + target.preferences + " " + shellQuote(source));
