@@ -97,6 +97,9 @@ struct SourceKind {
     const char* encode; // {wav} to {out}
 };
 
+// Named in test output by its kind rather than as bytes.
+void PrintTo(const SourceKind& kind, std::ostream* out) { *out << kind.name; }
+
 const SourceKind kSources[] = {
     {"Xiph_in_FLAC", "flac", "flac -s -f -o {out} {wav}"},
     {"Xiph_in_Vorbis", "ogg", "oggenc -Q -o {out} {wav}"},
