@@ -448,7 +448,20 @@ int BatchConsole::run(ApplicationController& controller, const std::vector<std::
         else
             printLine(failureMessage_);
     }
-    const std::vector<ErrorLog::Entry> log = ErrorLog::sharedController().entries();
+    std::vector<ErrorLog::Entry> log = ErrorLog::sharedController().entries();
+    std::vector<ErrorLog::Entry> info;
+    std::erase_if(log, [&info](const ErrorLog::Entry& entry) {
+        const bool isInfo = entry.level == ErrorLog::Level::Info;
+        if (isInfo)
+            info.push_back(entry);
+        return isInfo;
+    });
+    if (showsInfoLines_ && !info.empty()) {
+        std::lock_guard lock(outputMutex());
+        for (const ErrorLog::Entry& entry : info)
+            out_ << entry.message << '\n';
+        out_.flush();
+    }
     if (!log.empty()) {
         std::lock_guard lock(outputMutex());
         err_ << "Error log:\n";

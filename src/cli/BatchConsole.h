@@ -47,6 +47,9 @@ public:
     static bool standardOutputIsTerminal();
     static bool standardErrorIsTerminal();
     void setLiveRows(bool value) { liveRows_ = value; }
+    // Whether the info lines of the log (tags an output could not hold) are
+    // listed after the batch; errors always are.
+    void setShowsInfoLines(bool value) { showsInfoLines_ = value; }
 
     // Runs one batch on the calling thread, which becomes the main thread.
     // Main thread.
@@ -84,6 +87,7 @@ private:
     std::ostream& err_;
     Mode mode_;
     bool liveRows_;
+    bool showsInfoLines_ = false;
     ApplicationController* controller_ = nullptr;
 
     std::vector<const FileEncodeOperation*> running_;

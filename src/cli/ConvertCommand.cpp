@@ -51,6 +51,8 @@ void ConvertCommand::addTo(CLI::App& app) {
     command_->add_flag("--allow-incomplete", allowIncomplete_,
                        "Keep what can be decoded of a damaged or cut-off source (with a warning "
                        "in the error log) instead of failing it");
+    command_->add_flag("--report-tags", reportTags_,
+                       "List the tags of each source that its outputs could not hold");
     command_->add_option("PATH", paths_, "Audio files and folders")->required();
     command_->footer(OutputFormatArgument::syntaxHelp() +
                      "\n\nCtrl-C cancels the batch: files under way are abandoned and no "
@@ -182,6 +184,7 @@ int ConvertCommand::execute(std::ostream& out, std::ostream& err) const {
     const InputPaths inputs = InputPaths::check(paths_, err);
     BatchConsole console(out, err,
                          updateTags_ ? BatchConsole::Mode::Tag : BatchConsole::Mode::Convert);
+    console.setShowsInfoLines(reportTags_);
     if (inputs.usable().empty())
         return 1;
     return console.run(controller, inputs.usable(), inputs.rejectedCount(), nullptr);

@@ -38,6 +38,7 @@ private:
     bool skipSameType_ = false;
     bool updateTags_ = false;
     bool allowIncomplete_ = false;
+    bool reportTags_ = false;
     std::vector<std::string> paths_;
 };
 

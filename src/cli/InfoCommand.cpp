@@ -56,6 +56,19 @@ std::string displayValue(const std::string& key, const nlohmann::ordered_json& v
         }
         return text;
     }
+    if (key == "additionalTags" && value.is_object()) {
+        // One "KEY: value; value" line per tag, under the value column.
+        std::string text;
+        for (auto it = value.begin(); it != value.end(); ++it) {
+            if (!text.empty())
+                text += "\n" + std::string(indent, ' ');
+            std::string values;
+            for (const auto& one : it.value())
+                values += (values.empty() ? "" : "; ") + one.get<std::string>();
+            text += it.key() + ": " + values;
+        }
+        return text;
+    }
     return value.dump();
 }
 

@@ -1,11 +1,13 @@
 #pragma once
-// velvox tag [--set FIELD=VALUE]... [--clear FIELD]... [--clear-all]
+// velvox tag [--set FIELD=VALUE|KEY=VALUE]... [--clear FIELD|KEY]... [--clear-all]
 //            [--artwork IMAGE | --clear-artwork] FILE...
 //
 // Edits the tags of files in place: each file's tags are read, the edits are
 // applied to that record (--clear-all first, then --clear, then --set, then
 // the picture), and the record is written back by the encoder of the file's
-// own format. The audio is never touched.
+// own format. Tags the edits do not name are kept as they were, other tags
+// (KEY: MusicBrainz identifiers, ReplayGain, custom keys) included; each
+// --set of a KEY adds one value. The audio is never touched.
 
 #include <iosfwd>
 #include <string>

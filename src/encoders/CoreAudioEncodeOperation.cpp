@@ -165,7 +165,7 @@ void CoreAudioEncodeOperation::writeMetadata() {
     std::error_code ec;
     if (!temp || !std::filesystem::exists(*temp, ec))
         return;
-    const std::shared_ptr<AudioMetadata> record = metadata();
+    const std::shared_ptr<AudioMetadata> record = metadataForTags();
     if (!record)
         return;
     UserDefaults& defaults = UserDefaults::standardUserDefaults();

@@ -7,6 +7,7 @@
 #include <taglib/mp4tag.h>
 #include <taglib/wavfile.h>
 
+#include "metadata/AdditionalTagMapping.h"
 #include "metadata/CAFInfoChunkWriter.h"
 #include "platform/StringFormat.h"
 
@@ -65,7 +66,9 @@ bool CoreAudioTagWriter::writeWAV(const std::string& path,
     // RIFF INFO carries the plain fields for readers that know no ID3.
     TagLib::RIFF::Info::Tag* info = file.InfoTag();
     info->setTitle(text(metadata_.trackTitle().value_or("")));
-    info->setArtist(text(metadata_.trackArtist().value_or("")));
+    info->setArtist(
+        text(AdditionalTagMapping::singleValue(metadata_, "ARTIST", metadata_.trackArtist())
+                 .value_or("")));
     info->setAlbum(text(metadata_.albumTitle().value_or("")));
     info->setComment(text(comment_.value_or("")));
     info->setGenre(text(metadata_.trackGenre().value_or("")));
@@ -73,6 +76,7 @@ bool CoreAudioTagWriter::writeWAV(const std::string& path,
     info->setTrack(uint(std::max<int64_t>(0, metadata_.trackNumber().value_or(0))));
     if (encodedBy_)
         info->setFieldText("ISFT", text(*encodedBy_));
+    AdditionalTagMapping::writeInfo(*info, metadata_, encodedBy_.has_value());
     return file.save(TagLib::RIFF::WAV::File::AllTags, TagLib::File::StripOthers,
                      TagLib::ID3v2::v4);
 }
@@ -93,7 +97,7 @@ bool CoreAudioTagWriter::writeCAF(const std::string& path) const {
             pairs.emplace_back(key, *value);
     };
     add("title", metadata_.trackTitle());
-    add("artist", metadata_.trackArtist());
+    add("artist", AdditionalTagMapping::singleValue(metadata_, "ARTIST", metadata_.trackArtist()));
     add("album", metadata_.albumTitle());
     add("genre", metadata_.trackGenre());
     add("composer", metadata_.trackComposer());

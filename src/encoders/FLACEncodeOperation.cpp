@@ -5,8 +5,10 @@
 #include <filesystem>
 #include <optional>
 #include <system_error>
+#include <vector>
 
 #include <FLAC/format.h>
+#include <FLAC/metadata.h>
 #include <taglib/flacfile.h>
 #include <taglib/flacpicture.h>
 #include <taglib/xiphcomment.h>
@@ -98,6 +100,25 @@ FLAC__StreamMetadata* FLACEncodeOperation::makePadding() {
     return padding_.get();
 }
 
+FLAC__StreamMetadata* FLACEncodeOperation::sourceCueSheet() {
+    cueSheet_.reset();
+    const KDDecoder* source = decoder();
+    if (!source || source->decodeFormat().mSampleRate != sourceSampleRate() || totalFrames() <= 0)
+        return nullptr;
+    FLAC__StreamMetadata* block = nullptr;
+    // Only a native FLAC file has one; anything else simply answers no.
+    if (!FLAC__metadata_get_cuesheet(inFilePath().c_str(), &block) || !block)
+        return nullptr;
+    cueSheet_.reset(block);
+    const FLAC__StreamMetadata_CueSheet& sheet = block->data.cue_sheet;
+    for (uint32_t t = 0; t < sheet.num_tracks; ++t)
+        if (sheet.tracks[t].offset > FLAC__uint64(totalFrames())) {
+            cueSheet_.reset(); // the output is shorter: the sheet no longer fits
+            return nullptr;
+        }
+    return cueSheet_.get();
+}
+
 void FLACEncodeOperation::addMetadataAndStart(const std::string& tempFilePath) {
     FLAC__StreamEncoder* encoder = flac.get();
     seekTable_.reset(FLAC__metadata_object_new(FLAC__METADATA_TYPE_SEEKTABLE));
@@ -113,8 +134,11 @@ void FLACEncodeOperation::addMetadataAndStart(const std::string& tempFilePath) {
     VLX_ASSERT(FLAC__metadata_object_seektable_template_sort(seekTable_.get(), true),
                "FLAC__metadata_object_seektable_template_sort Failed");
 
-    FLAC__StreamMetadata* blocks[] = {seekTable_.get(), makePadding()};
-    VLX_ASSERT(FLAC__stream_encoder_set_metadata(encoder, blocks, 2),
+    std::vector<FLAC__StreamMetadata*> blocks = {seekTable_.get()};
+    if (FLAC__StreamMetadata* cueSheet = sourceCueSheet())
+        blocks.push_back(cueSheet);
+    blocks.push_back(makePadding());
+    VLX_ASSERT(FLAC__stream_encoder_set_metadata(encoder, blocks.data(), uint32_t(blocks.size())),
                "FLAC__stream_encoder_set_metadata failed: %s", resolvedState());
 
     const FLAC__StreamEncoderInitStatus status =
@@ -202,6 +226,7 @@ void FLACEncodeOperation::releaseCodec() noexcept {
     flac.reset();
     seekTable_.reset();
     padding_.reset();
+    cueSheet_.reset();
     channelBuffers_.clear();
     channelPointers_.clear();
 }
@@ -222,7 +247,7 @@ void FLACEncodeOperation::writeMetadata() {
     if (!file.isValid())
         return;
 
-    const std::shared_ptr<AudioMetadata> record = metadata();
+    const std::shared_ptr<AudioMetadata> record = metadataForTags();
     const std::optional<std::string> encodedBy = encodedByText();
     const std::optional<std::string> comment = commentText();
 
@@ -232,16 +257,8 @@ void FLACEncodeOperation::writeMetadata() {
         record->fillOutXiphComment(file.xiphComment(true), encodedBy, comment, false);
 
     file.removePictures();
-    if (record && record->albumArtwork() && record->albumArtwork()->data()) {
-        const AlbumArtwork& artwork = *record->albumArtwork();
-        auto picture = std::make_unique<TagLib::FLAC::Picture>();
-        picture->setType(TagLib::FLAC::Picture::FrontCover);
-        picture->setMimeType(TagLib::String(artwork.mimeType().value_or(""), TagLib::String::UTF8));
-        const std::vector<uint8_t>& bytes = *artwork.data();
-        picture->setData(
-            TagLib::ByteVector(reinterpret_cast<const char*>(bytes.data()), uint(bytes.size())));
-        file.addPicture(picture.release()); // the file owns its pictures
-    }
+    if (record && record->albumArtwork() && record->albumArtwork()->data())
+        file.addPicture(AudioMetadata::flacPicture(*record->albumArtwork()).release());
 
     // One save: TagLib rewrites the metadata blocks (and, when they outgrow
     // the padding, the whole file) on every save.

@@ -56,12 +56,17 @@ protected:
     const char* resolvedState() const;
     // A fresh 8 KiB padding block in padding_.
     FLAC__StreamMetadata* makePadding();
+    // The source's CUESHEET block in cueSheet_, when the source is a FLAC
+    // file with one and its sample positions still hold for this output (the
+    // same rate, every track inside the length); else null.
+    FLAC__StreamMetadata* sourceCueSheet();
 
     // The blocks must outlive the encoder, which reads them until it has
     // finished (the seek table is filled in then), so they are declared first
     // and released last.
     std::unique_ptr<FLAC__StreamMetadata, MetadataDeleter> seekTable_;
     std::unique_ptr<FLAC__StreamMetadata, MetadataDeleter> padding_;
+    std::unique_ptr<FLAC__StreamMetadata, MetadataDeleter> cueSheet_;
     std::unique_ptr<FLAC__StreamEncoder, EncoderDeleter> flac;
 
 private:

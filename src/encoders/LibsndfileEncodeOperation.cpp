@@ -135,7 +135,7 @@ void LibsndfileEncodeOperation::releaseCodec() noexcept {
 }
 
 std::vector<LibsndfileEncodeOperation::InfoField> LibsndfileEncodeOperation::infoDictionary() {
-    const std::shared_ptr<AudioMetadata> record = metadata();
+    const std::shared_ptr<AudioMetadata> record = metadataForTags();
     std::vector<InfoField> fields;
     if (record) {
         fields = {

@@ -250,7 +250,7 @@ void MP3EncodeOperation::writeMetadata() {
     if (defaults.boolForKey("writeEncodedByMetadataTag"))
         encodedBy = stringWithFormat("LAME %s via Velvox %@", get_lame_short_version(),
                                      std::string(kVelvoxShortVersion));
-    const std::shared_ptr<AudioMetadata> record = metadata();
+    const std::shared_ptr<AudioMetadata> record = metadataForTags();
     std::optional<std::string> comment;
     if (defaults.boolForKey("writeFormatStringToComments"))
         comment = expandFormatSpecifiers(defaults.stringForKey("commentsFormatString"),

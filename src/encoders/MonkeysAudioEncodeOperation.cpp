@@ -80,7 +80,7 @@ void MonkeysAudioEncodeOperation::writeMetadata() {
         encodedBy = stringWithFormat("MAC %s via Velvox %@", compressorVersion(),
                                      std::string(kVelvoxShortVersion));
 
-    const std::shared_ptr<AudioMetadata> record = metadata();
+    const std::shared_ptr<AudioMetadata> record = metadataForTags();
     std::optional<std::string> comment;
     if (defaults.boolForKey("writeFormatStringToComments"))
         comment = expandFormatSpecifiers(defaults.stringForKey("commentsFormatString"),

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <optional>
 #include <system_error>
+#include <vector>
 
 #include <taglib/oggflacfile.h>
 #include <taglib/xiphcomment.h>
@@ -14,8 +15,11 @@ namespace velvox {
 
 void OggFLACEncodeOperation::addMetadataAndStart(const std::string& tempFilePath) {
     FLAC__StreamEncoder* encoder = flac.get();
-    FLAC__StreamMetadata* blocks[] = {makePadding()};
-    VLX_ASSERT(FLAC__stream_encoder_set_metadata(encoder, blocks, 1),
+    std::vector<FLAC__StreamMetadata*> blocks;
+    if (FLAC__StreamMetadata* cueSheet = sourceCueSheet())
+        blocks.push_back(cueSheet);
+    blocks.push_back(makePadding());
+    VLX_ASSERT(FLAC__stream_encoder_set_metadata(encoder, blocks.data(), uint32_t(blocks.size())),
                "FLAC__stream_encoder_set_metadata failed: %s", resolvedState());
     // Set again, whatever the length: an unknown length (-1) becomes the
     // largest estimate, which libFLAC only uses to size its own headers.
@@ -40,7 +44,7 @@ void OggFLACEncodeOperation::writeMetadata() {
     if (!file.isValid() || !file.tag())
         return;
 
-    const std::shared_ptr<AudioMetadata> record = metadata();
+    const std::shared_ptr<AudioMetadata> record = metadataForTags();
     if (!record)
         return;
     record->fillOutXiphComment(file.tag(), encodedByText(), commentText(), true);

@@ -477,7 +477,7 @@ void OggOpusEncodeOperation::writeMetadata() {
     if (defaults.boolForKey("writeEncodedByMetadataTag"))
         encodedBy = stringWithFormat("%s via Velvox %@", opus_get_version_string(),
                                      std::string(kVelvoxShortVersion));
-    const std::shared_ptr<AudioMetadata> record = metadata();
+    const std::shared_ptr<AudioMetadata> record = metadataForTags();
     std::optional<std::string> comment;
     if (defaults.boolForKey("writeFormatStringToComments"))
         comment = expandFormatSpecifiers(defaults.stringForKey("commentsFormatString"),

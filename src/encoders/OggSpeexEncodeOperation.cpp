@@ -321,7 +321,7 @@ void OggSpeexEncodeOperation::writeMetadata() {
     if (defaults.boolForKey("writeEncodedByMetadataTag"))
         encodedBy = stringWithFormat("Speex %s via Velvox %@", speexVersion().c_str(),
                                      std::string(kVelvoxShortVersion));
-    const std::shared_ptr<AudioMetadata> record = metadata();
+    const std::shared_ptr<AudioMetadata> record = metadataForTags();
     std::optional<std::string> comment;
     if (defaults.boolForKey("writeFormatStringToComments"))
         comment = expandFormatSpecifiers(defaults.stringForKey("commentsFormatString"),

@@ -315,7 +315,7 @@ void OggVorbisEncodeOperation::writeMetadata() {
     if (defaults.boolForKey("writeEncodedByMetadataTag"))
         encodedBy = stringWithFormat("Vorbis %s via Velvox %@", vorbis_version_string(),
                                      std::string(kVelvoxShortVersion));
-    const std::shared_ptr<AudioMetadata> record = metadata();
+    const std::shared_ptr<AudioMetadata> record = metadataForTags();
     std::optional<std::string> comment;
     if (defaults.boolForKey("writeFormatStringToComments"))
         comment = expandFormatSpecifiers(defaults.stringForKey("commentsFormatString"),

@@ -12,7 +12,9 @@
 
 #include "core/KDChannelMixer.h"
 #include "core/UtilityFunctions.h"
+#include "decoders/DSDDecoder.h"
 #include "jobs/FormatSpecifiers.h"
+#include "metadata/TagFidelity.h"
 #include "platform/AudioConverter.h"
 #include "platform/ErrorLog.h"
 #include "platform/Exception.h"
@@ -336,6 +338,12 @@ void StreamEncodeOperation::encodeFile(const std::string& formatDescription) {
         }
     }
 
+    // ReplayGain describes the source's level; a fold to fewer channels or
+    // a DSD gain makes it wrong for the output.
+    const auto* dsd = dynamic_cast<const DSDDecoder*>(&decoder);
+    levelChanged_ = (mixer && targetChannels_ < decoderChannels) || (dsd && dsd->gain() != 1.0f);
+    sampleRateChanged_ = outputFormat.mSampleRate != inputFormat.mSampleRate;
+
     setCurrentStatus(stringWithFormat("Encoding %@", formatDescription));
 
     const uint32_t framesToRead = readSize / inputFormat.mBytesPerFrame;
@@ -416,8 +424,33 @@ void StreamEncodeOperation::encodeFile(const std::string& formatDescription) {
     deletePartiallyEncodedFileIfCancelled();
     if (UserDefaults::standardUserDefaults().boolForKey("writeMetadata")) {
         setCurrentStatus(stringWithFormat("%@ - Writing Metadata", inputDisplayName()));
-        onTaggingThread([this] { writeMetadata(); });
+        onTaggingThread([this] {
+            writeMetadata();
+            reportTagFidelity();
+        });
     }
+}
+
+std::shared_ptr<AudioMetadata> StreamEncodeOperation::metadataForTags() {
+    std::shared_ptr<AudioMetadata> record = metadata();
+    if (!record || !levelChanged_)
+        return record;
+    auto copy = std::make_shared<AudioMetadata>(*record);
+    copy->removeReplayGainTags();
+    return copy;
+}
+
+void StreamEncodeOperation::reportTagFidelity() {
+    const std::optional<std::string> temp = tempFilePath();
+    const std::shared_ptr<AudioMetadata> record = metadataForTags();
+    std::error_code ec;
+    if (!temp || !record || !std::filesystem::exists(*temp, ec))
+        return;
+    const std::vector<std::string> lost = TagFidelity::lostTagsInFile(
+        *record, *temp, settings() ? settings()->extension().value_or("") : "");
+    if (!lost.empty())
+        ErrorLog::sharedController().logMessage(
+            TagFidelity::reportLine(inputDisplayName(), formatWord(), lost), ErrorLog::Level::Info);
 }
 
 void StreamEncodeOperation::checkInputWasWhole(const KDDecoder& decoder) const {

@@ -97,6 +97,13 @@ protected:
     // format string when the preferences ask for it, else the source's own
     // comment. Tagging thread.
     std::optional<std::string> commentText();
+    // The record to write into the output: the job's, less the ReplayGain
+    // values when the output's level is not the source's (a down-mix, a DSD
+    // gain). Tagging thread.
+    std::shared_ptr<AudioMetadata> metadataForTags();
+    // Whether the codec received the audio at a rate other than the
+    // decoder's, so that sample positions of the source no longer hold.
+    bool sampleRateChanged() const { return sampleRateChanged_; }
     // The failure line for the last stage (moving into place, saving the
     // artwork); the same as encodeFailedText() unless an encoder differs.
     virtual std::string moveFailedText() const { return encodeFailedText(); }
@@ -120,6 +127,9 @@ private:
     OSStatus converterInput(uint32_t& ioNumberDataPackets, AudioBufferList& ioData);
     void logFailure(const std::string& format, const std::string& description);
     void removeTemporaryFilesAfterFailure();
+    // Logs, at the info level, what of the record the output's tags could
+    // not hold, read back from the temporary file. Tagging thread.
+    void reportTagFidelity();
 
     std::unique_ptr<KDDecoder> _decoder;
     // The read buffer as the converter's input callback hands it over, and
@@ -131,6 +141,8 @@ private:
     double sourceSampleRate_ = 0;
     uint32_t targetChannels_ = 0;
     AudioChannelLayoutTag targetLayoutTag_ = kAudioChannelLayoutTag_Unknown;
+    bool levelChanged_ = false;
+    bool sampleRateChanged_ = false;
 };
 
 } // namespace velvox

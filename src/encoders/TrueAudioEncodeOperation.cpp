@@ -290,7 +290,7 @@ void TrueAudioEncodeOperation::writeMetadata() {
     TagLib::TrueAudio::File file(temp->c_str(), false, TagLib::AudioProperties::Average);
     if (!file.isValid())
         return;
-    const std::shared_ptr<AudioMetadata> record = metadata();
+    const std::shared_ptr<AudioMetadata> record = metadataForTags();
     if (!record)
         return;
 

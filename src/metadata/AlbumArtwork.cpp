@@ -85,6 +85,7 @@ bool stbReads(ImageFormat format) {
 struct PixelSize {
     int64_t width = 0;
     int64_t height = 0;
+    int64_t depth = 0; // bits per pixel; 0 when unknown
 };
 
 // Reads unsigned integers of 1 to 8 bytes at an offset, never past the end.
@@ -205,7 +206,11 @@ std::optional<PixelSize> pixelSizeOf(const std::vector<uint8_t>& data) {
                                &components) ||
         width <= 0 || height <= 0)
         return std::nullopt;
-    return PixelSize{width, height};
+    // Bits per pixel, as picture blocks state it: a 16-bit PNG has twice
+    // the bits of each component.
+    const int componentBits =
+        stbi_is_16_bit_from_memory(data.data(), static_cast<int>(data.size())) ? 16 : 8;
+    return PixelSize{width, height, int64_t(components) * componentBits};
 }
 
 const char* mimeTypeForFirstByte(const std::vector<uint8_t>& data) {
@@ -528,7 +533,7 @@ void AlbumArtwork::setData(Data data) {
     data_ = std::move(data);
     if (!data_) {
         dataSize_.reset();
-        width_ = height_ = 0;
+        width_ = height_ = colorDepth_ = 0;
         mimeType_.reset();
         md5_.reset();
         return;
@@ -536,6 +541,7 @@ void AlbumArtwork::setData(Data data) {
     const auto size = pixelSizeOf(*data_);
     width_ = size ? size->width : 0;
     height_ = size ? size->height : 0;
+    colorDepth_ = size ? size->depth : 0;
     dataSize_ = static_cast<int64_t>(data_->size());
     mimeType_ = mimeTypeForFirstByte(*data_);
     md5_ = MD5::hexDigestOf(data_->data(), data_->size());

@@ -69,6 +69,9 @@ public:
     // Pixel size of the first image; 0 when the bytes cannot be decoded.
     int64_t width() const { return width_; }
     int64_t height() const { return height_; }
+    // Bits per pixel of the first image (components x bits per component);
+    // 0 when the format does not tell it to us.
+    int64_t colorDepth() const { return colorDepth_; }
 
     // Derived from the first byte of the data; a stored type may override it.
     const std::optional<std::string>& mimeType() const { return mimeType_; }
@@ -125,6 +128,7 @@ private:
     std::optional<int64_t> dataSize_;
     int64_t width_ = 0;
     int64_t height_ = 0;
+    int64_t colorDepth_ = 0;
     std::optional<std::string> mimeType_;
     std::optional<std::string> md5_;
 };

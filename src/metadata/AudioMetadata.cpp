@@ -149,6 +149,82 @@ void AudioMetadata::clearAll() {
     setTrackCopyright(std::nullopt);
     setKey(std::nullopt);
     setISRC(std::nullopt);
+    additionalTags_.clear();
+}
+
+namespace {
+
+std::string upperKey(std::string key) {
+    for (char& c : key)
+        if (c >= 'a' && c <= 'z')
+            c = char(c - 'a' + 'A');
+    return key;
+}
+
+} // namespace
+
+namespace {
+
+// The archive's "additionalTags": a list of {key, values}; false when malformed.
+bool additionalTagsFromJSON(const nlohmann::json& archive, AudioMetadata& metadata) {
+    const auto found = archive.find("additionalTags");
+    if (found == archive.end() || found->is_null())
+        return true;
+    if (!found->is_array())
+        return false;
+    for (const auto& entry : *found) {
+        if (!entry.is_object() || !entry.contains("key") || !entry.contains("values") ||
+            !entry["values"].is_array())
+            return false;
+        const auto key = ArchiveCoding::textFromJSON(entry["key"]);
+        if (!key)
+            return false;
+        std::vector<std::string> values;
+        for (const auto& value : entry["values"]) {
+            auto text = ArchiveCoding::textFromJSON(value);
+            if (!text)
+                return false;
+            values.push_back(std::move(*text));
+        }
+        metadata.setAdditionalTag(*key, std::move(values));
+    }
+    return true;
+}
+
+} // namespace
+
+const std::vector<std::string>* AudioMetadata::additionalTag(const std::string& key) const {
+    const std::string wanted = upperKey(key);
+    for (const auto& [name, values] : additionalTags_)
+        if (name == wanted)
+            return &values;
+    return nullptr;
+}
+
+void AudioMetadata::setAdditionalTag(const std::string& key, std::vector<std::string> values) {
+    const std::string wanted = upperKey(key);
+    if (values.empty()) {
+        removeAdditionalTag(wanted);
+        return;
+    }
+    for (auto& [name, held] : additionalTags_) {
+        if (name == wanted) {
+            held = std::move(values);
+            return;
+        }
+    }
+    additionalTags_.emplace_back(wanted, std::move(values));
+}
+
+bool AudioMetadata::removeAdditionalTag(const std::string& key) {
+    const std::string wanted = upperKey(key);
+    return std::erase_if(additionalTags_,
+                         [&](const auto& entry) { return entry.first == wanted; }) > 0;
+}
+
+void AudioMetadata::removeReplayGainTags() {
+    std::erase_if(additionalTags_,
+                  [](const auto& entry) { return entry.first.starts_with("REPLAYGAIN_"); });
 }
 
 const std::vector<std::string>& AudioMetadata::editableFieldNames() {
@@ -272,6 +348,16 @@ nlohmann::json AudioMetadata::toJSON() const {
                                archive[name] = std::move(entries);
                            },
                        });
+    if (!additionalTags_.empty()) {
+        nlohmann::json tags = nlohmann::json::array();
+        for (const auto& [key, values] : additionalTags_) {
+            nlohmann::json list = nlohmann::json::array();
+            for (const std::string& value : values)
+                list.push_back(ArchiveCoding::jsonFromText(value));
+            tags.push_back({{"key", ArchiveCoding::jsonFromText(key)}, {"values", list}});
+        }
+        archive["additionalTags"] = std::move(tags);
+    }
     return archive;
 }
 
@@ -381,6 +467,8 @@ std::unique_ptr<AudioMetadata> AudioMetadata::fromJSON(const nlohmann::json& arc
                         field = std::move(userData);
                     },
                 });
+    if (valid)
+        valid = additionalTagsFromJSON(archive, *metadata);
     if (!valid)
         return nullptr;
     return metadata;
@@ -428,6 +516,16 @@ nlohmann::ordered_json AudioMetadata::toInfoJSON() const {
                                info[name] = std::move(chunks);
                            },
                        });
+    if (!additionalTags_.empty()) {
+        nlohmann::ordered_json tags = nlohmann::ordered_json::object();
+        for (const auto& [key, values] : additionalTags_) {
+            nlohmann::ordered_json list = nlohmann::ordered_json::array();
+            for (const std::string& value : values)
+                list.push_back(ArchiveCoding::displayText(value));
+            tags[ArchiveCoding::displayText(key)] = std::move(list);
+        }
+        info["additionalTags"] = std::move(tags);
+    }
     return info;
 }
 

@@ -42,6 +42,9 @@ class Tag;
 namespace ASF {
 class Tag;
 }
+namespace FLAC {
+class Picture;
+}
 } // namespace TagLib
 
 namespace velvox {
@@ -52,12 +55,20 @@ public:
     // Raw source chunks: chunk identifier (four-character code as text) to the
     // bytes of every chunk with that identifier, in file order.
     using UserData = std::map<std::string, std::vector<std::vector<uint8_t>>>;
+    // The source's other text tags, in reading order: a key (TagLib's
+    // property names: "MUSICBRAINZ_TRACKID", "REPLAYGAIN_TRACK_GAIN", a
+    // custom key in upper case) to one or more values. A key the record's
+    // own fields map (ARTIST, GENRE, ...) is only here when the source had
+    // several values for it: the field holds the text the reading rules make
+    // of them, this list the values themselves.
+    using AdditionalTags = std::vector<std::pair<std::string, std::vector<std::string>>>;
 
     // Every field absent.
     AudioMetadata() = default;
 
-    // Makes every field the user can edit absent; the facts about the source
-    // (the source fields and userData) are kept.
+    // Makes every field the user can edit absent, the additional tags
+    // included; the facts about the source (the source fields and userData)
+    // are kept.
     void clearAll();
 
     // The fields the user edits (those clearAll() empties, the picture
@@ -84,6 +95,9 @@ public:
     // The record for a file, chosen by its extension; never null: a file that
     // cannot be read yields a record with few or no fields.
     static std::unique_ptr<AudioMetadata> metadataFromFile(const std::string& path);
+    // Only what the file's own tags say: no facts of the file, no picture
+    // beside it, no title from its name. Never null.
+    static std::unique_ptr<AudioMetadata> tagsFromFile(const std::string& path);
     static std::unique_ptr<AudioMetadata> metadataFromFLACFile(const std::string& path);
     static std::unique_ptr<AudioMetadata> metadataFromOggFLACFile(const std::string& path);
     static std::unique_ptr<AudioMetadata> metadataFromOggVorbisFile(const std::string& path);
@@ -145,6 +159,9 @@ public:
                        const std::optional<std::string>& comment) const;
     void fillOutASFTag(TagLib::ASF::Tag* tag, const std::optional<std::string>& encodedBy,
                        const std::optional<std::string>& comment) const;
+    // The picture as a FLAC picture block (FLAC files and Xiph comments),
+    // with its role, description, pixel size and depth.
+    static std::unique_ptr<TagLib::FLAC::Picture> flacPicture(const AlbumArtwork& artwork);
 
     // ---- Fields ----
     std::optional<int64_t> trackNumber() const { return trackNumber_; }
@@ -264,6 +281,20 @@ public:
     const std::optional<UserData>& userData() const { return userData_; }
     void setUserData(std::optional<UserData> value) { userData_ = std::move(value); }
 
+    // ---- Additional tags (keys are compared in upper case) ----
+    const AdditionalTags& additionalTags() const { return additionalTags_; }
+    void setAdditionalTags(AdditionalTags tags) { additionalTags_ = std::move(tags); }
+    // The values of a key, or null when the record has none.
+    const std::vector<std::string>* additionalTag(const std::string& key) const;
+    // Replaces the key's values in place, or appends the key; no values
+    // removes it.
+    void setAdditionalTag(const std::string& key, std::vector<std::string> values);
+    // False when the key was not there.
+    bool removeAdditionalTag(const std::string& key);
+    // Drops the ReplayGain values, which no longer hold once the audio's
+    // level has changed (a down-mix, a gain).
+    void removeReplayGainTags();
+
 private:
     template <typename Self, typename Visitor>
     static void visitFields(Self& self, Visitor&& visit);
@@ -303,6 +334,7 @@ private:
     std::optional<Date> sourceDateModified_;
     std::optional<std::string> sourceLocation_;
     std::optional<UserData> userData_;
+    AdditionalTags additionalTags_;
 };
 
 } // namespace velvox

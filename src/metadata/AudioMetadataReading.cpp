@@ -354,6 +354,11 @@ std::unique_ptr<AudioMetadata> readCoreAudioFile(const std::string& path) {
         fillCoreAudioInfo(*info, *metadata);
         fillCoreAudioTags(*info, *metadata);
     }
+    // The desktop service also reads the ID3 chunk of an AIFF-family file
+    // (an AIFF-C one among them) into what it knows.
+    TagLib::RIFF::AIFF::File aiff(path.c_str(), false);
+    if (aiff.isValid() && aiff.hasID3v2Tag())
+        AudioMetadata::addInfoFromID3v2Tag(aiff.tag(), *metadata);
     return metadata;
 }
 
@@ -468,6 +473,20 @@ std::unique_ptr<AudioMetadata> AudioMetadata::metadataFromFile(const std::string
     if (!metadata)
         metadata = std::make_unique<AudioMetadata>();
     return metadata;
+}
+
+std::unique_ptr<AudioMetadata> AudioMetadata::tagsFromFile(const std::string& path) {
+    std::unique_ptr<AudioMetadata> metadata;
+    try {
+        const FormatRegistry::Match family = FormatRegistry::match(path);
+        if (family.entry && family.entry->readMetadata)
+            metadata = family.entry->readMetadata(path);
+        else if (!family.isOgg)
+            metadata = readCoreAudioFile(path);
+    } catch (const std::exception&) {
+        // A file we cannot read again has no tags we can vouch for.
+    }
+    return metadata ? std::move(metadata) : std::make_unique<AudioMetadata>();
 }
 
 void AudioMetadata::readAlbumArtworkFromFilename(const std::string& patternPath,
@@ -1052,8 +1071,13 @@ void fillCoreAudioTags(const CoreAudioFileInfo& info, AudioMetadata& metadata) {
         metadata.setBpm(integerValue(*v));
     if (const std::string* v = value("key signature"); v && !metadata.key())
         metadata.setKey(*v);
-    if (const std::string* v = value("track number"); v && !metadata.trackNumber())
+    if (const std::string* v = value("track number"); v && !metadata.trackNumber()) {
         metadata.setTrackNumber(integerValue(*v));
+        // Written as "3/12" when the total is known.
+        if (const size_t slash = v->find('/');
+            slash != std::string::npos && !metadata.totalTracks())
+            metadata.setTotalTracks(integerValue(v->substr(slash + 1)));
+    }
     if (const std::string* v = value("year"); v && !metadata.trackYear())
         metadata.setTrackYear(integerValue(*v));
     if (const std::string* v = value("composer"); v && !metadata.trackComposer())

@@ -9,6 +9,8 @@
 
 #include "metadata/AudioMetadata.h"
 
+#include "metadata/AdditionalTagMapping.h"
+
 #include <climits>
 #include <initializer_list>
 #include <string_view>
@@ -21,6 +23,7 @@
 #include <taglib/id3v1tag.h>
 #include <taglib/id3v2tag.h>
 #include <taglib/mp4tag.h>
+#include <taglib/tpropertymap.h>
 #include <taglib/unsynchronizedlyricsframe.h>
 #include <taglib/xiphcomment.h>
 
@@ -318,6 +321,7 @@ void AudioMetadata::addInfoFromID3v1Tag(const TagLib::ID3v1::Tag* tag, AudioMeta
 void AudioMetadata::addInfoFromID3v2Tag(const TagLib::ID3v2::Tag* tag, AudioMetadata& metadata) {
     if (!tag)
         return;
+    AdditionalTagMapping::addFromProperties(AdditionalTagMapping::propertiesOf(*tag), metadata);
     using M = AudioMetadata;
     // TagLib's own comment() falls back to a described comment such as
     // iTunNORM; the comment is read from the frames below instead.
@@ -391,6 +395,7 @@ void AudioMetadata::addInfoFromID3v2Tag(const TagLib::ID3v2::Tag* tag, AudioMeta
 void AudioMetadata::addInfoFromAPETag(const TagLib::APE::Tag* tag, AudioMetadata& metadata) {
     if (!tag)
         return;
+    AdditionalTagMapping::addFromProperties(tag->properties(), metadata);
     using M = AudioMetadata;
 
     struct TextItem {
@@ -450,6 +455,7 @@ void AudioMetadata::addInfoFromVorbisTag(const TagLib::Ogg::XiphComment* tag,
                                          AudioMetadata& metadata) {
     if (!tag)
         return;
+    AdditionalTagMapping::addFromProperties(tag->properties(), metadata);
     using M = AudioMetadata;
     // The Xiph comment is always the first (or only) tag of its files, so it
     // writes what it finds without looking at the record.
@@ -509,6 +515,7 @@ void AudioMetadata::addInfoFromVorbisTag(const TagLib::Ogg::XiphComment* tag,
 void AudioMetadata::addInfoFromMP4Tag(const TagLib::MP4::Tag* tag, AudioMetadata& metadata) {
     if (!tag)
         return;
+    AdditionalTagMapping::addFromProperties(AdditionalTagMapping::propertiesOf(*tag), metadata);
     using M = AudioMetadata;
     addGenericTagInfo(*tag, metadata, true);
 
@@ -568,6 +575,7 @@ void AudioMetadata::addInfoFromMP4Tag(const TagLib::MP4::Tag* tag, AudioMetadata
 void AudioMetadata::addInfoFromASFTag(const TagLib::ASF::Tag* tag, AudioMetadata& metadata) {
     if (!tag)
         return;
+    AdditionalTagMapping::addFromProperties(AdditionalTagMapping::propertiesOf(*tag), metadata);
     using M = AudioMetadata;
     addGenericTagInfo(*tag, metadata, true);
 
@@ -631,6 +639,10 @@ void AudioMetadata::addInfoFromASFTag(const TagLib::ASF::Tag* tag, AudioMetadata
             }
         }
     }
+    // The copyright most writers keep in the content description rather
+    // than in an attribute.
+    if (!metadata.trackCopyright() && !tag->copyright().isEmpty())
+        metadata.setTrackCopyright(utf8(tag->copyright()));
 }
 
 } // namespace velvox

@@ -8,6 +8,8 @@
 
 #include "metadata/AudioMetadata.h"
 
+#include "metadata/AdditionalTagMapping.h"
+
 #include <algorithm>
 #include <climits>
 #include <initializer_list>
@@ -110,12 +112,28 @@ std::optional<std::string> decimal(const std::optional<bool>& value) {
 
 // ---------------------------------------------------------------------------
 
+std::unique_ptr<TagLib::FLAC::Picture> AudioMetadata::flacPicture(const AlbumArtwork& artwork) {
+    auto picture = std::make_unique<TagLib::FLAC::Picture>();
+    picture->setType(static_cast<TagLib::FLAC::Picture::Type>(pictureRole(artwork)));
+    picture->setMimeType(textOrNull(artwork.mimeType()));
+    if (artwork.data())
+        picture->setData(pictureBytes(artwork));
+    if (artwork.comments())
+        picture->setDescription(text(*artwork.comments()));
+    // Players size their views from these before decoding the image.
+    picture->setWidth(int(std::clamp<int64_t>(artwork.width(), 0, INT_MAX)));
+    picture->setHeight(int(std::clamp<int64_t>(artwork.height(), 0, INT_MAX)));
+    picture->setColorDepth(int(std::clamp<int64_t>(artwork.colorDepth(), 0, INT_MAX)));
+    return picture;
+}
+
 void AudioMetadata::fillOutID3v1Tag(TagLib::ID3v1::Tag* tag,
                                     const std::optional<std::string>& comment) const {
     if (!tag)
         return;
     tag->setTitle(textOrNull(trackTitle()));
-    tag->setArtist(textOrNull(trackArtist()));
+    // One value per field: several artists are joined as players show them.
+    tag->setArtist(textOrNull(AdditionalTagMapping::singleValue(*this, "ARTIST", trackArtist())));
     tag->setAlbum(textOrNull(albumTitle()));
     tag->setComment(textOrNull(comment));
     tag->setGenre(textOrNull(trackGenre()));
@@ -197,6 +215,7 @@ void AudioMetadata::fillOutID3v2Tag(TagLib::ID3v2::Tag* tag, int majorVersion,
     replaceTextFrame(*tag, "TENC", encodedBy, encoding);
 
     tag->setGenre(textOrNull(trackGenre()));
+    AdditionalTagMapping::writeID3v2(*tag, *this, encodedBy.has_value());
 }
 
 void AudioMetadata::fillOutAPETag(TagLib::APE::Tag* tag,
@@ -248,6 +267,7 @@ void AudioMetadata::fillOutAPETag(TagLib::APE::Tag* tag,
     }
 
     replace({"ENCODEDBY", "ENCODED BY", "ENCODER"}, "ENCODEDBY", encodedBy);
+    AdditionalTagMapping::writeAPE(*tag, *this, encodedBy.has_value());
 }
 
 void AudioMetadata::fillOutXiphComment(TagLib::Ogg::XiphComment* tag,
@@ -285,6 +305,7 @@ void AudioMetadata::fillOutXiphComment(TagLib::Ogg::XiphComment* tag,
     replace({"COMPILATION"}, "COMPILATION",
             partOfACompilation().value_or(false) ? decimal(partOfACompilation()) : std::nullopt);
     replace({"ENCODEDBY", "ENCODED BY", "ENCODER"}, "ENCODEDBY", encodedBy);
+    AdditionalTagMapping::writeXiph(*tag, *this, encodedBy.has_value());
 
     // Pictures go whatever writeArtwork says. TagLib keeps the pictures of a
     // comment it parsed in a list of its own, so that list is emptied too.
@@ -292,15 +313,9 @@ void AudioMetadata::fillOutXiphComment(TagLib::Ogg::XiphComment* tag,
         tag->removeFields(name);
     tag->removeAllPictures();
     if (writeArtwork && hasPicture(albumArtwork())) {
-        const AlbumArtwork& artwork = *albumArtwork();
-        TagLib::FLAC::Picture picture;
-        picture.setType(static_cast<TagLib::FLAC::Picture::Type>(pictureRole(artwork)));
-        picture.setMimeType(textOrNull(artwork.mimeType()));
-        picture.setData(pictureBytes(artwork));
-        if (artwork.comments())
-            picture.setDescription(text(*artwork.comments()));
+        const auto picture = flacPicture(*albumArtwork());
         tag->addField("METADATA_BLOCK_PICTURE",
-                      TagLib::String(picture.render().toBase64(), TagLib::String::Latin1), true);
+                      TagLib::String(picture->render().toBase64(), TagLib::String::Latin1), true);
     }
 }
 
@@ -369,6 +384,7 @@ void AudioMetadata::fillOutMP4Tag(TagLib::MP4::Tag* tag,
         covers.append(TagLib::MP4::CoverArt(format, pictureBytes(artwork)));
         setItem("covr", TagLib::MP4::Item(covers));
     }
+    AdditionalTagMapping::writeMP4(*tag, *this, encodedBy.has_value());
 }
 
 void AudioMetadata::fillOutASFTag(
@@ -421,6 +437,7 @@ void AudioMetadata::fillOutASFTag(
     if (partOfACompilation())
         tag->setAttribute("WM/IsCompilation", TagLib::ASF::Attribute(*partOfACompilation()));
     replace({"WM/EncodedBy"}, "WM/EncodedBy", encodedBy);
+    AdditionalTagMapping::writeASF(*tag, *this, encodedBy.has_value());
 }
 
 } // namespace velvox

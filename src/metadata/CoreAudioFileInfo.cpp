@@ -169,6 +169,13 @@ constexpr std::pair<const char*, const char*> kLibavMetadataKeys[] = {
     {"composer", "composer"},
     {"lyricist", "lyricist"},
     {"encoder", "encoding application"},
+    // A CAF file's own info strings, as libavformat passes them on.
+    {"comments", "comments"},
+    {"year", "year"},
+    {"track number", "track number"},
+    {"tempo", "tempo"},
+    {"key signature", "key signature"},
+    {"encoding application", "encoding application"},
     {"TBPM", "tempo"},
     {"TSRC", "ISRC"},
     {"ISRC", "ISRC"},

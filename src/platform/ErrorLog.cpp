@@ -10,8 +10,8 @@ ErrorLog& ErrorLog::sharedController() {
     return log;
 }
 
-void ErrorLog::logMessage(const std::string& message) {
-    Entry entry{std::chrono::system_clock::now(), message};
+void ErrorLog::logMessage(const std::string& message, Level level) {
+    Entry entry{std::chrono::system_clock::now(), message, level};
     std::function<void(const Entry&)> listener;
     {
         std::lock_guard lock(mutex_);

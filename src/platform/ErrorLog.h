@@ -14,14 +14,18 @@ namespace velvox {
 
 class ErrorLog {
 public:
+    // Info lines tell what a conversion could not keep without it failing
+    // (tags an output cannot hold); they are not errors of the batch.
+    enum class Level { Error, Info };
     struct Entry {
         std::chrono::system_clock::time_point date;
         std::string message;
+        Level level = Level::Error;
     };
 
     static ErrorLog& sharedController();
 
-    void logMessage(const std::string& message);
+    void logMessage(const std::string& message, Level level = Level::Error);
     std::vector<Entry> entries() const;
     std::vector<std::string> messages() const;
     size_t count() const;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "cli/BatchCommandSandbox.h"
 #include "jobs/EncodeOperation.h"
@@ -158,10 +159,9 @@ TEST(TagCommand, EditsChangeExactlyWhatTheySayAndNeverTheAudio) {
         const Outcome r = box.run("--set writeEncodedByMetadataTag=false tag --clear-all " +
                                   shellQuote(padded) + " " + shellQuote(tight));
         ASSERT_EQ(r.exitCode, 0) << r.out << r.err;
-        // Every field Velvox knows is gone, with the picture; what it does
-        // not know stays.
-        EXPECT_EQ(flacTags(padded), (Tags{{"MOOD", "Calm"}}));
-        EXPECT_EQ(flacTags(tight), (Tags{{"MOOD", "Calm"}}));
+        // Every field is gone, with the picture and the other tags.
+        EXPECT_TRUE(flacTags(padded).empty());
+        EXPECT_TRUE(flacTags(tight).empty());
         EXPECT_EQ(flacPictures(padded).size(), 0u);
         checkAudio();
     }
@@ -226,4 +226,40 @@ TEST(TagCommand, AFileThatCannotBeWrittenIsReportedAsATagFailure) {
         EXPECT_TRUE(contains(r.err, "Could Not Update The Metadata Of song.flac.")) << r.err;
         EXPECT_EQ(readFile(file), before);
     }
+}
+
+TEST(TagCommand, OtherTagsStayUnlessNamedAndInfoListsThem) {
+    CommandSandbox box;
+    const std::string flac = box.src("keys.flac");
+    makeFLAC(flac, true, 9);
+    ASSERT_NO_FATAL_FAILURE(
+        tagFLAC(flac, {"TITLE=Old", "MUSICBRAINZ_TRACKID=abc", "REPLAYGAIN_TRACK_GAIN=-3.10 dB",
+                       "MOOD=Calm", "ARTIST=piman", "ARTIST=jzig"}));
+
+    Outcome r = box.run("--set writeEncodedByMetadataTag=false tag --set trackTitle=New --set "
+                        "CUSTOM=one --set custom=two --clear MOOD " +
+                        shellQuote(flac));
+    ASSERT_EQ(r.exitCode, 0) << r.out << r.err;
+    const Tags expected = {{"TITLE", "New"},
+                           {"ARTIST", "piman"},
+                           {"ARTIST", "jzig"},
+                           {"MUSICBRAINZ_TRACKID", "abc"},
+                           {"REPLAYGAIN_TRACK_GAIN", "-3.10 dB"},
+                           {"CUSTOM", "one"},
+                           {"CUSTOM", "two"}};
+    EXPECT_EQ(flacTags(flac), expected);
+
+    r = box.run("info --json " + shellQuote(flac));
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    const nlohmann::json info = nlohmann::json::parse(r.out)[0];
+    EXPECT_EQ(info["additionalTags"], nlohmann::json({{"ARTIST", {"piman", "jzig"}},
+                                                      {"MUSICBRAINZ_TRACKID", {"abc"}},
+                                                      {"REPLAYGAIN_TRACK_GAIN", {"-3.10 dB"}},
+                                                      {"CUSTOM", {"one", "two"}}}));
+
+    // A field's own tag name is edited as the field.
+    EXPECT_EQ(box.run("tag --set ARTIST=x " + shellQuote(flac)).exitCode, 2);
+    r = box.run("--set writeEncodedByMetadataTag=false tag --clear-all " + shellQuote(flac));
+    ASSERT_EQ(r.exitCode, 0) << r.out << r.err;
+    EXPECT_TRUE(flacTags(flac).empty());
 }
