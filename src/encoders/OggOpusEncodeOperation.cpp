@@ -16,6 +16,7 @@
 #include "Version.h"
 #include "encoders/LinearPrediction.h"
 #include "encoders/OggPageWriter.h"
+#include "encoders/SincResampler.h"
 #include "jobs/FormatSpecifiers.h"
 #include "platform/Exception.h"
 #include "platform/StringFormat.h"
@@ -196,9 +197,18 @@ void OggOpusEncodeOperation::configureEncoder() {
 
 void OggOpusEncodeOperation::createResampler() {
     resampler.reset();
+    sincResampler_.reset();
     resamplerLatency_ = 0;
     if (sourceSampleRate_ == coding_rate)
         return;
+    // The same quality-5 filter as below, evaluated from a table of its exact
+    // phases instead of interpolated: a quarter of the work per tap.
+    sincResampler_ = SincResampler::create(uint32_t(sourceChannels), uint32_t(sourceSampleRate_),
+                                           uint32_t(coding_rate));
+    if (sincResampler_) {
+        resamplerLatency_ = int32_t(sincResampler_->outputLatency());
+        return;
+    }
     int error = RESAMPLER_ERR_SUCCESS;
     resampler.reset(speex_resampler_init(spx_uint32_t(sourceChannels),
                                          spx_uint32_t(sourceSampleRate_), spx_uint32_t(coding_rate),
@@ -260,8 +270,19 @@ void OggOpusEncodeOperation::encodeChunk(const AudioBufferList& bufferList, uint
     encodeWaiting(uint32_t(frame_size));
 }
 
+uint32_t OggOpusEncodeOperation::resamplerInputLatency() const {
+    if (sincResampler_)
+        return sincResampler_->inputLatency();
+    return resampler ? uint32_t(speex_resampler_get_input_latency(resampler.get())) : 0;
+}
+
 void OggOpusEncodeOperation::appendSource(const float* frames, uint32_t frameCount) {
     const size_t ch = size_t(sourceChannels);
+    if (sincResampler_) {
+        bufferedSamples =
+            uint32_t(sincResampler_->process(frames, frameCount, input, bufferedSamples));
+        return;
+    }
     if (!resampler) {
         const size_t needed = (size_t(bufferedSamples) + frameCount) * ch;
         if (input.size() < needed)
@@ -423,8 +444,7 @@ void OggOpusEncodeOperation::finishCodec() {
     // back, plus a frame, so that nothing audible meets a cut to silence.
     int64_t extension =
         int64_t(lookahead_ + resamplerLatency_ + frame_size) * sourceSampleRate_ / coding_rate + 1;
-    if (resampler)
-        extension += speex_resampler_get_input_latency(resampler.get());
+    extension += resamplerInputLatency();
     const std::vector<float> continuation = predictedContinuation(uint32_t(extension));
     appendSource(continuation.data(), uint32_t(extension));
     if (resampler)
@@ -454,6 +474,7 @@ void OggOpusEncodeOperation::finishCodec() {
 
 void OggOpusEncodeOperation::releaseCodec() noexcept {
     writer_.reset();
+    sincResampler_.reset();
     resampler.reset();
     st.reset();
     resamplerBuffer.clear();

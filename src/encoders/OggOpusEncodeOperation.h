@@ -24,6 +24,7 @@ struct SpeexResamplerState_;
 namespace velvox {
 
 class OggPageWriter;
+class SincResampler;
 
 class OggOpusEncodeOperation : public StreamEncodeOperation {
 public:
@@ -64,6 +65,8 @@ private:
     void createEncoder();
     void configureEncoder();
     void createResampler();
+    bool resampling() const { return sincResampler_ || resampler; }
+    uint32_t resamplerInputLatency() const;
     void writeHeaderPackets(const std::string& tempFilePath);
     void writeHeaderPacket(unsigned char* data, long bytes, bool beginning);
     // Takes interleaved float frames at sourceSampleRate (already in Opus
@@ -84,6 +87,9 @@ private:
     int32_t coding_rate = 48000;
     int32_t frame_size = 960;
     std::unique_ptr<OpusMSEncoder, EncoderDeleter> st;
+    // The exact-phase resampler where the rate ratio allows it, else
+    // libspeexdsp's (at most one of the two is set).
+    std::unique_ptr<SincResampler> sincResampler_;
     std::unique_ptr<SpeexResamplerState_, ResamplerDeleter> resampler;
     std::vector<float> resamplerBuffer;
     uint32_t bufferedResamplerSamples = 0;
