@@ -227,22 +227,10 @@ void OggOpusEncodeOperation::writeHeaderPackets(const std::string& tempFilePath)
     unsigned char identification[100];
     const int length = opus_header_to_packet(header_, identification, int(sizeof identification));
     VLX_ASSERT(length > 0, "opus_header_to_packet failed");
-    writeHeaderPacket(identification, length, true);
+    const char* failed = "Opus Error: failed writing header to output stream";
+    writer_->writeHeaderPacket(identification, length, 0, failed);
     std::vector<unsigned char> comments = commentPacket();
-    writeHeaderPacket(comments.data(), long(comments.size()), false);
-}
-
-void OggOpusEncodeOperation::writeHeaderPacket(unsigned char* data, long bytes, bool beginning) {
-    ogg_packet op{};
-    op.packet = data;
-    op.bytes = bytes;
-    op.b_o_s = beginning ? 1 : 0;
-    op.e_o_s = 0;
-    op.granulepos = 0;
-    op.packetno = beginning ? 0 : 1;
-    writer_->packetin(op);
-    // Each header packet gets page(s) of its own, as the mapping requires.
-    VLX_ASSERT(writer_->flushAll(), "Opus Error: failed writing header to output stream");
+    writer_->writeHeaderPacket(comments.data(), long(comments.size()), 1, failed);
 }
 
 // ---- Audio ----

@@ -68,7 +68,6 @@ private:
     bool resampling() const { return sincResampler_ || resampler; }
     uint32_t resamplerInputLatency() const;
     void writeHeaderPackets(const std::string& tempFilePath);
-    void writeHeaderPacket(unsigned char* data, long bytes, bool beginning);
     // Takes interleaved float frames at sourceSampleRate (already in Opus
     // channel order) into the coding-rate buffer, through the resampler.
     void appendSource(const float* frames, uint32_t frameCount);
