@@ -110,6 +110,30 @@ float SincResampler::dot(const float* taps, const float* samples) const {
 #endif
 }
 
+void SincResampler::dotPair(const float* taps, const float* left, const float* right,
+                            float* out) const {
+#if defined(__SSE__)
+    // Each tap is loaded once for both channels.
+    __m128 l = _mm_setzero_ps();
+    __m128 r = _mm_setzero_ps();
+    for (uint32_t j = 0; j < filterLength_; j += 4) {
+        const __m128 t = _mm_loadu_ps(taps + j);
+        l = _mm_add_ps(l, _mm_mul_ps(t, _mm_loadu_ps(left + j)));
+        r = _mm_add_ps(r, _mm_mul_ps(t, _mm_loadu_ps(right + j)));
+    }
+    // Horizontal sums of both at once: (l0+l1, l2+l3, r0+r1, r2+r3) pairs.
+    const __m128 lo = _mm_unpacklo_ps(l, r); // l0 r0 l1 r1
+    const __m128 hi = _mm_unpackhi_ps(l, r); // l2 r2 l3 r3
+    const __m128 sum = _mm_add_ps(lo, hi);   // l0+l2 r0+r2 l1+l3 r1+r3
+    const __m128 both = _mm_add_ps(sum, _mm_movehl_ps(sum, sum));
+    out[0] = _mm_cvtss_f32(both);
+    out[1] = _mm_cvtss_f32(_mm_shuffle_ps(both, both, 0x55));
+#else
+    out[0] = dot(taps, left);
+    out[1] = dot(taps, right);
+#endif
+}
+
 size_t SincResampler::process(const float* in, size_t inFrames, std::vector<float>& out,
                               size_t outFrames) {
     // One contiguous run per channel keeps the filter's inner loop a plain
@@ -135,8 +159,13 @@ size_t SincResampler::process(const float* in, size_t inFrames, std::vector<floa
     float* dst = out.data() + outFrames * channels_;
     while (position_ + filterLength_ <= available) {
         const float* taps = table_.data() + size_t(phase_) * filterLength_;
-        for (uint32_t c = 0; c < channels_; ++c)
-            *dst++ = dot(taps, history_[c].data() + position_);
+        if (channels_ == 2) {
+            dotPair(taps, history_[0].data() + position_, history_[1].data() + position_, dst);
+            dst += 2;
+        } else {
+            for (uint32_t c = 0; c < channels_; ++c)
+                *dst++ = dot(taps, history_[c].data() + position_);
+        }
         ++outFrames;
         position_ += wholeStep;
         phase_ += fractionStep;

@@ -50,6 +50,8 @@ private:
                   double cutoff);
     void buildTable(double cutoff);
     float dot(const float* taps, const float* samples) const;
+    // Both channels of a stereo stream under the same taps.
+    void dotPair(const float* taps, const float* left, const float* right, float* out) const;
 
     uint32_t channels_;
     // The input/output rate ratio in lowest terms: den_ phases, each output
