@@ -39,7 +39,7 @@ seconds() { /usr/bin/time -f %e "$@" 2>&1 >/dev/null | tail -1; }
 
 echo "level  velvox_s  jmac_s  ratio   (10 min, 16-bit stereo)"
 for level in 2000 4000; do
-  out=$(VELVOX_APE_BENCH_WAV=$cache/ten.wav "$bench" --benchmark_filter="APECompress/$level\$" \
+  out=$(VELVOX_APE_BENCH_WAV=$cache/ten.wav "$bench" --benchmark_filter="APECompress/$level/" \
     --benchmark_format=csv 2>/dev/null | tail -1)
   ours=$(echo "$out" | cut -d, -f3)  # real time in ms
   theirs=$(seconds jmac "c${level:0:1}" "$cache/ten.wav" "$cache/ten.$level.jmac.ape")

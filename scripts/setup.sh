@@ -18,7 +18,7 @@ packages=(
   # the desktop application and the music library
   qt6-base-dev libmpdclient-dev
   # tests and benchmarks
-  libgtest-dev libgmock-dev libbenchmark-dev xvfb xauth xdg-utils
+  libgtest-dev libgmock-dev libbenchmark-dev xvfb xauth xdg-utils dbus-daemon
   # independent reference tools the tests use as oracles
   flac ffmpeg sox lame mpg123 vorbis-tools opus-tools speex
   wavpack musepack-tools libjmac-java mediainfo sndfile-programs

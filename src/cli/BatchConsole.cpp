@@ -1,9 +1,11 @@
 #include "cli/BatchConsole.h"
 
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <iostream>
+#include <optional>
 
 #include <poll.h>
 #include <sys/ioctl.h>
@@ -14,22 +16,36 @@
 #include "platform/ErrorLog.h"
 #include "platform/MainRunLoop.h"
 #include "platform/StringFormat.h"
+#include "platform/TemporaryFiles.h"
 
 namespace velvox {
 
 namespace {
 
-// Ctrl-C reaches the batch through this pipe: the handler may only write.
+// Ctrl-C and SIGTERM reach the batch through this pipe: the handler may
+// only write. The byte says which signal came.
 int gInterruptPipe[2] = {-1, -1};
+// The exit status an interrupted run ends with: 128 + the first signal. A
+// global, because the watcher may outlive the console.
+std::atomic<int> gInterruptStatus = 130;
 
-extern "C" void onInterrupt(int) {
-    const char byte = 'i';
+extern "C" void onInterrupt(int signal) {
+    const char byte = signal == SIGTERM ? 't' : 'i';
     [[maybe_unused]] ssize_t written = ::write(gInterruptPipe[1], &byte, 1);
-    // A second Ctrl-C ends the program at once.
-    struct sigaction fallback {};
-    fallback.sa_handler = SIG_DFL;
-    sigemptyset(&fallback.sa_mask);
-    ::sigaction(SIGINT, &fallback, nullptr);
+}
+
+// How long a cancelled batch may take to wind down before the program ends
+// without it: a decoder blocked in a read never comes back to look at the
+// cancel flag.
+constexpr auto kWindDownLimit = std::chrono::milliseconds(1500);
+
+// Ends the program now, from the interrupt watcher: removes what temporary
+// files it can, then leaves without unwinding threads that may be stuck.
+[[noreturn]] void endAtOnce(int status) {
+    TemporaryFiles::removeAllNow();
+    static const char note[] = "velvox: interrupted; quitting at once\n";
+    [[maybe_unused]] ssize_t written = ::write(STDERR_FILENO, note, sizeof note - 1);
+    ::_exit(status);
 }
 
 std::mutex& outputMutex() {
@@ -91,6 +107,7 @@ BatchConsole::~BatchConsole() { joinQuestion(); }
 
 bool BatchConsole::standardInputIsTerminal() { return ::isatty(STDIN_FILENO) == 1; }
 bool BatchConsole::standardOutputIsTerminal() { return ::isatty(STDOUT_FILENO) == 1; }
+bool BatchConsole::standardErrorIsTerminal() { return ::isatty(STDERR_FILENO) == 1; }
 
 // ---- Output ----
 
@@ -160,9 +177,11 @@ void BatchConsole::askQuestion(const std::string& message, const std::string& in
             int code = ApplicationController::kAlertFirstButtonReturn;
             bool applyToAll = false;
             std::string line;
+            // The question goes where the user sees it even when the
+            // results are piped away: the error stream, a terminal.
             {
                 std::lock_guard lock(outputMutex());
-                out_ << message << '\n' << informativeText << '\n';
+                err_ << message << '\n' << informativeText << '\n';
             }
             bool answered = false;
             bool withdrawnOrEnded = false;
@@ -170,9 +189,9 @@ void BatchConsole::askQuestion(const std::string& message, const std::string& in
                 {
                     std::lock_guard lock(outputMutex());
                     // "No" keeps both files under a new name; "Yes" replaces.
-                    out_ << "[n] " << buttons.at(0) << " (keep both)  [y] " << buttons.at(1)
+                    err_ << "[n] " << buttons.at(0) << " (keep both)  [y] " << buttons.at(1)
                          << " (overwrite)  [s] " << buttons.at(2) << ": ";
-                    out_.flush();
+                    err_.flush();
                 }
                 if (!readAnswer(wakeup, line)) {
                     withdrawnOrEnded = true;
@@ -189,8 +208,8 @@ void BatchConsole::askQuestion(const std::string& message, const std::string& in
             if (answered) {
                 {
                     std::lock_guard lock(outputMutex());
-                    out_ << suppressionTitle << "? [y/N]: ";
-                    out_.flush();
+                    err_ << suppressionTitle << "? [y/N]: ";
+                    err_.flush();
                 }
                 if (readAnswer(wakeup, line))
                     applyToAll = !line.empty() && std::tolower(line.front()) == 'y';
@@ -252,6 +271,8 @@ void BatchConsole::operationDidFinish(const FileEncodeOperation& job) {
     } else if (!job.success()) {
         ++failed_;
         printLine("FAILED: " + in);
+        for (const std::string& reason : job.failureReasons())
+            printLine("  " + reason);
     } else if (job.skipped() && job.outputPaths().empty()) {
         ++skipped_;
         printLine("Skipped: " + in);
@@ -274,18 +295,40 @@ void BatchConsole::openFolder(const std::string& path) { printLine("Output folde
 
 // ---- The run ----
 
+// The watcher's own thread. After the first signal it stays until the
+// program has ended, whatever the rest of it does: it ends the program
+// itself at the second signal or when winding down takes too long.
 void BatchConsole::watchForInterrupts() {
+    using Clock = std::chrono::steady_clock;
+    std::optional<Clock::time_point> deadline;
     for (;;) {
-        pollfd fd{gInterruptPipe[0], POLLIN, 0};
-        if (::poll(&fd, 1, -1) < 0) {
-            if (errno == EINTR)
-                continue;
-            return;
+        int timeout = -1;
+        if (deadline) {
+            const auto left =
+                std::chrono::duration_cast<std::chrono::milliseconds>(*deadline - Clock::now());
+            if (left.count() <= 0)
+                endAtOnce(gInterruptStatus);
+            timeout = int(left.count());
         }
-        char byte;
-        if (::read(gInterruptPipe[0], &byte, 1) != 1 || byte == 'q')
+        pollfd fd{gInterruptPipe[0], POLLIN, 0};
+        const int ready = ::poll(&fd, 1, timeout);
+        if (ready < 0 && errno != EINTR)
             return;
+        if (ready <= 0)
+            continue;
+        char byte;
+        if (::read(gInterruptPipe[0], &byte, 1) != 1)
+            return;
+        if (byte == 'q') {
+            if (!deadline)
+                return;
+            continue;
+        }
+        if (deadline)
+            endAtOnce(gInterruptStatus); // the second signal
+        gInterruptStatus = byte == 't' ? 128 + SIGTERM : 128 + SIGINT;
         interrupted_ = true;
+        deadline = Clock::now() + kWindDownLimit;
         performOnMainThread(
             [this] {
                 printLine("Cancelling; press Ctrl-C again to quit at once.");
@@ -314,7 +357,11 @@ int BatchConsole::run(ApplicationController& controller, const std::vector<std::
         interruptThread_ = std::thread([this] { watchForInterrupts(); });
     }
     auto finish = [&](int status) {
-        if (watching) {
+        if (watching && interrupted_) {
+            // The watcher stays, handlers and all, to end the program should
+            // what follows (threads joined as the batch's objects go) hang.
+            interruptThread_.detach();
+        } else if (watching) {
             ::sigaction(SIGINT, &previousInt, nullptr);
             ::sigaction(SIGTERM, &previousTerm, nullptr);
             const char byte = 'q';
@@ -344,7 +391,7 @@ int BatchConsole::run(ApplicationController& controller, const std::vector<std::
     loop.runUntil([&] { return workerDone.load(); });
     intake.join();
     if (interrupted_)
-        return finish(130);
+        return finish(gInterruptStatus);
     const size_t queued = controller.operations().size();
     if (queued == 0) {
         err_ << "velvox: nothing to " << (mode_ == Mode::Tag ? "tag" : "convert")
@@ -368,7 +415,7 @@ int BatchConsole::run(ApplicationController& controller, const std::vector<std::
         if (!prepared)
             return finish(1);
         if (interrupted_)
-            return finish(130);
+            return finish(gInterruptStatus);
     }
 
     controller.encode();
@@ -391,8 +438,16 @@ int BatchConsole::run(ApplicationController& controller, const std::vector<std::
     if (interrupted_)
         summary += stringWithFormat(", %zu not done (interrupted)", notDone);
     printLine(summary + ".");
-    if (!failureMessage_.empty())
-        printLine(failureMessage_);
+    if (!failureMessage_.empty()) {
+        // The controller's report speaks of encoding; a tag-only run says
+        // what it failed to do.
+        if (mode_ == Mode::Tag && controller.failedCount() > 0)
+            printLine(stringWithFormat(
+                "Failed to update the tags of %ld of %ld files.", long(controller.failedCount()),
+                long(controller.failedCount() + controller.successfulCount())));
+        else
+            printLine(failureMessage_);
+    }
     const std::vector<ErrorLog::Entry> log = ErrorLog::sharedController().entries();
     if (!log.empty()) {
         std::lock_guard lock(outputMutex());
@@ -402,7 +457,7 @@ int BatchConsole::run(ApplicationController& controller, const std::vector<std::
         err_.flush();
     }
     if (interrupted_)
-        return finish(130);
+        return finish(gInterruptStatus);
     return finish(failed_ + missingInputs > 0 ? 1 : 0);
 }
 

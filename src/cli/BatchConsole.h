@@ -6,8 +6,14 @@
 //
 // On a terminal each running file has a live row (its status and percentage)
 // and results scroll above the rows; otherwise every start and every result
-// is one plain line. The question is only asked when standard input is a
-// terminal; the caller presets an answer otherwise.
+// is one plain line. The question is asked on the error stream, and only
+// when standard input and the error stream are a terminal; the caller presets
+// an answer otherwise.
+//
+// SIGINT and SIGTERM cancel the batch (exit status 130 and 143); a second
+// one, or a batch that has not wound down within a second and a half (a
+// decoder blocked in a read), ends the program at once after removing its
+// temporary files.
 
 #include <atomic>
 #include <functional>
@@ -39,14 +45,17 @@ public:
     // two switches below).
     static bool standardInputIsTerminal();
     static bool standardOutputIsTerminal();
+    static bool standardErrorIsTerminal();
     void setLiveRows(bool value) { liveRows_ = value; }
 
     // Runs one batch on the calling thread, which becomes the main thread.
+    // Main thread.
     // `prepare` runs on a worker thread after intake and before the batch
     // starts (the tag command edits the queued files' records there); it
     // returns false to stop. `missingInputs` counts inputs the caller already
     // reported as unusable. Returns the exit status: 0 when every file
-    // succeeded or was skipped, 1 when any failed, 130 when interrupted.
+    // succeeded or was skipped, 1 when any failed, 130 or 143 when
+    // interrupted by SIGINT or SIGTERM.
     int run(ApplicationController& controller, const std::vector<std::string>& paths,
             size_t missingInputs, const Preparation& prepare);
 

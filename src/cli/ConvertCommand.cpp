@@ -48,11 +48,15 @@ void ConvertCommand::addTo(CLI::App& app) {
                        "Leave out output formats of the source's own type");
     command_->add_flag("--update-tags", updateTags_,
                        "Only rewrite the tags of the files, in place");
+    command_->add_flag("--allow-incomplete", allowIncomplete_,
+                       "Keep what can be decoded of a damaged or cut-off source (with a warning "
+                       "in the error log) instead of failing it");
     command_->add_option("PATH", paths_, "Audio files and folders")->required();
     command_->footer(OutputFormatArgument::syntaxHelp() +
                      "\n\nCtrl-C cancels the batch: files under way are abandoned and no "
-                     "partial output is left behind. Exit status: 0 every file converted or "
-                     "skipped, 1 some file failed, 2 usage error, 130 interrupted.");
+                     "partial output is left behind; a second Ctrl-C quits at once. Exit status: 0 "
+                     "every file converted or skipped, 1 some file failed, 2 usage error, 130 "
+                     "interrupted (143 terminated).");
 }
 
 int ConvertCommand::execute(std::ostream& out, std::ostream& err) const {
@@ -80,6 +84,21 @@ int ConvertCommand::execute(std::ostream& out, std::ostream& err) const {
         else {
             err << "velvox convert: --overwrite takes ask, skip, replace or keep-both, not '"
                 << overwrite_ << "'\n";
+            return 2;
+        }
+    }
+    if (!output_.empty()) {
+        // Named here, with the option, rather than as the preferences'
+        // output folder the batch's own check speaks of.
+        std::error_code ec;
+        if (!fs::exists(output_, ec)) {
+            err << "velvox convert: The output folder given with -o/--output does not exist: "
+                << output_ << '\n';
+            return 2;
+        }
+        if (!fs::is_directory(output_, ec)) {
+            err << "velvox convert: The output folder given with -o/--output is not a folder: "
+                << output_ << '\n';
             return 2;
         }
     }
@@ -124,15 +143,19 @@ int ConvertCommand::execute(std::ostream& out, std::ostream& err) const {
         defaults.setVolatileObject("deleteOriginal", true);
     if (skipSameType_)
         defaults.setVolatileObject("skipFilesOfSameType", true);
-    if (!overwrite_.empty()) {
+    if (allowIncomplete_)
+        defaults.setVolatileObject("allowIncompleteInput", true);
+    const bool canAsk =
+        BatchConsole::standardInputIsTerminal() && BatchConsole::standardErrorIsTerminal();
+    if (!overwrite_.empty() || canAsk) {
         // Every answer goes through the question's path, so existing outputs
-        // are found before anything is encoded.
+        // are found before anything is encoded; with nobody given an answer
+        // and someone at the terminal, the question itself is asked.
         defaults.setVolatileObject("overwriteOutputFiles", true);
         defaults.setVolatileObject("promptBeforeOverwriting", true);
     }
     // Nobody to ask: the given answer applies, and without one both files stay.
-    if (!BatchConsole::standardInputIsTerminal() &&
-        presetAnswer == ApplicationController::OverwriteHandlingAsk)
+    if (!canAsk && presetAnswer == ApplicationController::OverwriteHandlingAsk)
         presetAnswer = ApplicationController::OverwriteHandlingKeepBoth;
 
     ApplicationController controller;

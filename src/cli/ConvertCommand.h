@@ -22,7 +22,7 @@ class ConvertCommand {
 public:
     void addTo(CLI::App& app);
     // 0 every file converted or skipped, 1 some failed, 2 usage error,
-    // 130 interrupted.
+    // 130 interrupted (143 terminated).
     int execute(std::ostream& out, std::ostream& err) const;
 
 private:
@@ -37,6 +37,7 @@ private:
     bool deleteOriginal_ = false;
     bool skipSameType_ = false;
     bool updateTags_ = false;
+    bool allowIncomplete_ = false;
     std::vector<std::string> paths_;
 };
 

@@ -86,7 +86,7 @@ std::unique_ptr<EncoderSettings> OutputFormatArgument::parse(const std::string& 
             const std::optional<nlohmann::json> parsed = spec->parse(value);
             if (!parsed)
                 throw UsageError("bad value '" + value + "' for '" + key + "'" +
-                                 (*spec->expected
+                                 (!spec->expected.empty()
                                       ? std::string(" (expected ") + spec->expected + ")"
                                       : std::string()));
             values[spec->key] = *parsed;

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <climits>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 
 #include "core/UtilityFunctions.h"
@@ -470,7 +471,39 @@ CoreAudioDecoder::OpenResult CoreAudioDecoder::openWithSndfile(const std::string
     sndfileFormat_ = info.format;
     sndfileIsFloat_ = subtype == SF_FORMAT_FLOAT || subtype == SF_FORMAT_DOUBLE;
     totalFrames_ = info.frames;
+    // A file cut short still counts what it promised, so that the encode
+    // sees the difference instead of taking the stump for the whole.
+    if (bits > 0) {
+        const int64_t announced =
+            framesAnnouncedBeyondEnd(sndfile_.get(), sourceFormat_.mBytesPerFrame);
+        if (announced > totalFrames_)
+            totalFrames_ = announced;
+    }
     return OpenResult::Opened;
+}
+
+int64_t CoreAudioDecoder::framesAnnouncedBeyondEnd(SNDFILE* file, uint32_t bytesPerFrame) {
+    if (bytesPerFrame == 0)
+        return -1;
+    std::string log(16384, '\0');
+    sf_command(file, SFC_GET_LOG_INFO, log.data(), int(log.size()));
+    log.resize(std::strlen(log.c_str()));
+    // "data : 882000 (should be 299956)"; AIFF's "SSND" counts its 8-byte
+    // offset and block size fields too.
+    for (const auto& [chunk, overhead] : {std::pair{"data : ", 0}, std::pair{"SSND : ", 8}}) {
+        const size_t at = log.find(chunk);
+        if (at == std::string::npos)
+            continue;
+        unsigned long long declared = 0, present = 0;
+        if (std::sscanf(log.c_str() + at + 7, "%llu (should be %llu)", &declared, &present) != 2)
+            continue;
+        // 0 and 0xFFFFFFFF are what streaming writers put when they do not
+        // know the length yet: no promise was made.
+        if (declared <= present || declared == 0xFFFFFFFFull || declared < unsigned(overhead))
+            continue;
+        return int64_t((declared - unsigned(overhead)) / bytesPerFrame);
+    }
+    return -1;
 }
 
 std::unique_ptr<AudioChannelLayout> CoreAudioDecoder::sndfileChannelLayout() const {

@@ -57,6 +57,10 @@ private:
     };
 
     OpenResult openWithSndfile(const std::string& path, std::string& reason);
+    // The frames the header of a cut-off WAVE or AIFF file announces, which
+    // libsndfile trims to what is there and notes in its log; -1 when the
+    // file is whole or the log says nothing.
+    static int64_t framesAnnouncedBeyondEnd(SNDFILE* file, uint32_t bytesPerFrame);
     OpenResult openWithLibav(const std::string& path, std::string& reason);
     std::unique_ptr<AudioChannelLayout> sndfileChannelLayout() const;
     std::unique_ptr<AudioChannelLayout> libavChannelLayout() const;

@@ -32,6 +32,9 @@ bool FLACDecoder::initWithFilename(const std::string& path) {
         log.logMessage(stringWithFormat("Could Not Create FLAC Decoder For File: %@", path));
         return false;
     }
+    // libFLAC hands on a frame that fails its CRC as silence; only the
+    // signature check at the stream's end tells such a file from a whole one.
+    FLAC__stream_decoder_set_md5_checking(flac_.get(), true);
     const FLAC__StreamDecoderInitStatus status = initStream(path);
     if (status != FLAC__STREAM_DECODER_INIT_STATUS_OK) {
         log.logMessage(stringWithFormat(
@@ -73,7 +76,8 @@ void FLACDecoder::metadataCallback(const FLAC__StreamDecoder*, const FLAC__Strea
 
 void FLACDecoder::errorCallback(const FLAC__StreamDecoder*, FLAC__StreamDecoderErrorStatus, void*) {
     // Lost sync, bad headers and CRC mismatches are left to libFLAC, which
-    // resynchronises on the next frame.
+    // resynchronises on the next frame; what was lost shows at the end, as a
+    // short stream or a failed MD5 check (finishStream).
 }
 
 FLAC__StreamDecoderWriteStatus FLACDecoder::writeCallback(const FLAC__StreamDecoder*,
@@ -159,10 +163,20 @@ FLAC__StreamDecoderWriteStatus FLACDecoder::writeFrame(const FLAC__Frame* frame,
     return FLAC__STREAM_DECODER_WRITE_STATUS_CONTINUE;
 }
 
+void FLACDecoder::finishStream() {
+    if (isEndOfFile())
+        return;
+    VLX_ASSERT(FLAC__stream_decoder_finish(flac_.get()),
+               "The decoded audio does not match the MD5 signature of the FLAC stream.");
+    setEndOfFile(true);
+}
+
 void FLACDecoder::fillPCMBuffer() {
     FLAC__StreamDecoder* d = flac_.get();
+    if (isEndOfFile())
+        return;
     if (FLAC__stream_decoder_get_state(d) == FLAC__STREAM_DECODER_END_OF_STREAM) {
-        setEndOfFile(true);
+        finishStream();
         return;
     }
     RingBuffer& ring = pcmBuffer();
@@ -180,7 +194,7 @@ void FLACDecoder::fillPCMBuffer() {
         VLX_ASSERT(ok, "FLAC__stream_decoder_process_single failed: %s",
                    FLAC__stream_decoder_get_resolved_state_string(d));
     } while (FLAC__stream_decoder_get_state(d) != FLAC__STREAM_DECODER_END_OF_STREAM);
-    setEndOfFile(true);
+    finishStream();
 }
 
 } // namespace velvox

@@ -54,6 +54,10 @@ private:
 
     FLAC__StreamDecoderWriteStatus writeFrame(const FLAC__Frame* frame,
                                               const FLAC__int32* const buffer[]);
+    // At the end of the stream: closes libFLAC's stream, which checks the
+    // decoded audio against the STREAMINFO MD5, and sets the end of file.
+    // Operation thread.
+    void finishStream();
 
     std::unique_ptr<FLAC__StreamDecoder, Deleter> flac_;
     uint64_t totalSamples_ = 0;

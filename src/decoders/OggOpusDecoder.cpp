@@ -159,10 +159,9 @@ void OggOpusDecoder::fillPCMBuffer() {
                 return;
             }
         } else if (r < 0) {
-            if (!holeLogged_)
-                ErrorLog::sharedController().logMessage(stringWithFormat(
-                    "Ogg Opus Decoder Skipped Missing Or Damaged Data In File: %@", inFilePath()));
-            holeLogged_ = true;
+            // Packets were lost (a page missing or failing its CRC): the file
+            // cannot be converted whole.
+            VLX_ASSERT(false, "Ogg loss of streaming.");
         } else if (ogg_->readPage()) {
             takePage();
         } else {

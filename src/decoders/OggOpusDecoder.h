@@ -72,7 +72,6 @@ private:
     uint64_t packet_count_ = 0;
     int64_t totalSamples_ = -1;
     bool linkFlushed_ = false;
-    bool holeLogged_ = false;
     bool endsWithLastPage_ = true;
 };
 

@@ -75,16 +75,8 @@ void OggVorbisDecoder::fillPCMBuffer() {
         int section = 0;
         const long n =
             ov_read(&oggVorbisFile_, region + total, int(space - total), 0, 2, 1, &section);
-        if (n == OV_HOLE) {
-            // libvorbisfile has already resynchronised on the next page: the
-            // gap is a moment of lost audio, not a reason to lose the file.
-            if (!holeLogged_)
-                ErrorLog::sharedController().logMessage(stringWithFormat(
-                    "Ogg Vorbis Decoder Skipped Missing Or Damaged Data In File: %@",
-                    inFilePath()));
-            holeLogged_ = true;
-            continue;
-        }
+        // A hole (a page lost or failing its CRC) is a failure like any
+        // other: converting past it would pass lost audio off as whole.
         VLX_ASSERT(n >= 0, "ov_read Failed.");
         if (n == 0) {
             // What a cut file holds decodes cleanly; only its end tells.

@@ -23,9 +23,6 @@ public:
 private:
     OggVorbis_File oggVorbisFile_{};
     bool open_ = false;
-    // Holes are logged once per file: a badly damaged file would otherwise
-    // fill the log with one line per lost page.
-    bool holeLogged_ = false;
     bool endsWithLastPage_ = true;
 };
 

@@ -2,6 +2,7 @@
 
 #include <bit>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 
 #include "core/UtilityFunctions.h"
@@ -26,6 +27,19 @@ int32_t floatToInt32(int32_t bits) {
     return int32_t(std::lrint(scaled));
 }
 
+// Whether the file starts with a WavPack block. libwavpack looks past
+// anything else for the first block it can find, so a file whose first
+// blocks are damaged would otherwise decode, silently, from a later one.
+bool startsWithBlock(const std::string& path) {
+    char magic[4] = {};
+    std::FILE* file = std::fopen(path.c_str(), "rb");
+    if (!file)
+        return false;
+    const bool read = std::fread(magic, 1, sizeof magic, file) == sizeof magic;
+    std::fclose(file);
+    return read && std::memcmp(magic, "wvpk", sizeof magic) == 0;
+}
+
 } // namespace
 
 WavPackDecoder::WavPackDecoder() = default;
@@ -40,6 +54,7 @@ bool WavPackDecoder::initWithFilename(const std::string& path) {
     wpc_.reset(WavpackOpenFileInput(path.c_str(), error, OPEN_WVC | OPEN_DSD_AS_PCM, 0));
     // The caller's exception handler names the file.
     VLX_ASSERT(wpc_ != nullptr, "can't open file: %s.", error);
+    VLX_ASSERT(startsWithBlock(path), "The file does not start with a WavPack block.");
 
     isFloat_ = (WavpackGetMode(wpc_.get()) & MODE_FLOAT) != 0;
     // Samples arrive justified to whole bytes (a 20-bit file fills 24-bit

@@ -50,6 +50,8 @@ void APECompressor::FileCloser::operator()(std::FILE* file) const { std::fclose(
 
 int APECompressor::fillWaveFormat(APEWaveFormat& format, uint32_t sampleRate,
                                   uint32_t bitsPerSample, uint32_t channels) {
+    // Neither FFmpeg (5.1) nor jmac reads more than two channels in this file
+    // version, and jmac will not write them: such a file would play nowhere.
     if (sampleRate == 0 || (bitsPerSample != 8 && bitsPerSample != 16 && bitsPerSample != 24) ||
         channels < 1 || channels > 2)
         return kErrorUnsupportedFormat;
@@ -71,10 +73,16 @@ int APECompressor::start(const std::string& path, const APEWaveFormat& format,
         return kErrorUnsupportedFormat;
     if (level != 1000 && level != 2000 && level != 3000 && level != 4000 && level != 5000)
         return kErrorBadParameter;
-    // FFmpeg's decoder (5.1) reads loud 24-bit audio at the two highest
-    // levels differently from these filters, although jmac agrees with them.
-    // A file the most common decoder gets wrong would lose the user's audio,
-    // so those pairings are refused rather than written.
+    // FFmpeg's decoder (5.1) and jmac part ways on loud 24-bit audio. At
+    // Insane FFmpeg sums the adaptive predictor in 64 bits where jmac (and
+    // these filters) wrap at 32, which 24-bit sums overflow all the time. In
+    // the NN filters FFmpeg adds the rounding term in 64 bits, so a dot
+    // product just below 2^31 rounds the other way; Extra High meets that
+    // about ten times as often as the lower levels (a few times in five
+    // minutes of loud noise, against once). A residual decodes right under
+    // one arithmetic only, so no encoding satisfies both: a file the most
+    // common decoder gets wrong would lose the user's audio, and those
+    // pairings are refused rather than written.
     if (checked.bitsPerSample == 24 && level >= 4000)
         return kErrorUnsupportedFormat;
     format_ = checked;

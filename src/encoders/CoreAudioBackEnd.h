@@ -19,6 +19,7 @@ public:
         uint32_t channels = 0;
         uint32_t bitsPerChannel = 0; // of the PCM write() receives
         int64_t bitrate = 0;         // bit/s, coded formats only
+        int64_t expectedFrames = 0;  // write() will receive in all; 0 if unknown
     };
 
     virtual ~CoreAudioBackEnd() = default;

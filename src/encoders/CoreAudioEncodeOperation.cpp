@@ -1,5 +1,6 @@
 #include "encoders/CoreAudioEncodeOperation.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <system_error>
 
@@ -97,6 +98,7 @@ void CoreAudioEncodeOperation::setUpCodec(const std::string& tempFilePath) {
     stream.bitsPerChannel = sourceBitsPerChannel();
     const int64_t bitrate = settings() ? settings()->bitrate() : 0;
     stream.bitrate = bitrate > 0 ? bitrate : kDefaultAACBitrate;
+    stream.expectedFrames = std::max<int64_t>(totalFrames(), 0);
     backEnd_->open(tempFilePath, format, stream);
 }
 

@@ -87,6 +87,37 @@ void LibavMuxerBackEnd::open(const std::string& path, const CoreAudioOutputForma
     VLX_ASSERT(fifo_ && frame_ && packet_, "Could Not Allocate Buffer.");
     planes_.assign(stream.channels, {});
     planePointers_.assign(stream.channels, nullptr);
+    queueLeadingSilence(stream.expectedFrames);
+}
+
+void LibavMuxerBackEnd::queueLeadingSilence(int64_t expectedFrames) {
+    // A coder that primes (AAC) codes whole frames, so the last packet holds
+    // padding. Readers that trim only at the start of an edit list (FFmpeg
+    // before 6) would play that padding. Silence put in front, and counted
+    // as priming in the edit list and iTunSMPB, makes priming, audio and
+    // padding-free end fill whole frames instead; every reader then gets
+    // exactly the source's frames. With a wrong estimate only the alignment
+    // is lost: the edit list and iTunSMPB still state the real length.
+    leadingSilence_ = 0;
+    const int64_t priming = codec_->initial_padding;
+    if (priming <= 0 || expectedFrames <= 0 || codec_->frame_size != frameSize_)
+        return;
+    leadingSilence_ = uint32_t((frameSize_ - (priming + expectedFrames) % frameSize_) % frameSize_);
+    if (leadingSilence_ == 0)
+        return;
+    const AVSampleFormat format = codec_->sample_fmt;
+    const int channels = int(input_.channels);
+    uint8_t** silence = nullptr;
+    int error = av_samples_alloc_array_and_samples(&silence, nullptr, channels,
+                                                   int(leadingSilence_), format, 0);
+    VLX_ASSERT(error >= 0, "Could Not Allocate Buffer.");
+    av_samples_set_silence(silence, 0, int(leadingSilence_), channels, format);
+    error =
+        av_audio_fifo_write(fifo_.get(), reinterpret_cast<void**>(silence), int(leadingSilence_));
+    av_freep(&silence[0]);
+    av_freep(&silence);
+    VLX_ASSERT(error == int(leadingSilence_), "av_audio_fifo_write failed: %s",
+               avErrorString(error).c_str());
 }
 
 void LibavMuxerBackEnd::deinterleave(const uint8_t* samples, uint32_t frames) {
@@ -165,7 +196,8 @@ void LibavMuxerBackEnd::encodeFromFifo(int frames) {
     const int read =
         av_audio_fifo_read(fifo_.get(), reinterpret_cast<void**>(frame->extended_data), frames);
     VLX_ASSERT(read == frames, "av_audio_fifo_read failed: %s", avErrorString(read).c_str());
-    frame->pts = int64_t(framesEncoded_);
+    // The leading silence lies before time zero, with the coder's priming.
+    frame->pts = int64_t(framesEncoded_) - int64_t(leadingSilence_);
     framesEncoded_ += uint64_t(frame->nb_samples);
     sendAndWrite(frame);
 }
@@ -212,7 +244,7 @@ void LibavMuxerBackEnd::close() noexcept {
 }
 
 uint32_t LibavMuxerBackEnd::primingFrames() const {
-    return codec_ ? uint32_t(std::max(codec_->initial_padding, 0)) : 0;
+    return codec_ ? uint32_t(std::max(codec_->initial_padding, 0)) + leadingSilence_ : 0;
 }
 
 uint32_t LibavMuxerBackEnd::paddingFrames() const {

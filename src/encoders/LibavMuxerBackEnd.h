@@ -5,7 +5,8 @@
 // Samples arrive interleaved and are gathered per channel in the encoder's
 // own planar sample format until a whole coder frame is there. The MP4
 // muxer records the AAC priming and the trimmed last packet in an edit list,
-// so a decoder that honours it yields exactly the source's frames.
+// so a decoder that honours it yields exactly the source's frames; when the
+// length is known, the audio is placed so that no packet needs trimming.
 
 #include <memory>
 #include <vector>
@@ -42,6 +43,8 @@ private:
     };
 
     void openCodec(const CoreAudioOutputFormat& format, const Stream& stream);
+    // Puts silence before the audio so that the coded frames end with it.
+    void queueLeadingSilence(int64_t expectedFrames);
     // Moves interleaved integers into the planar buffers in the coder's format.
     void deinterleave(const uint8_t* samples, uint32_t frames);
     void deinterleave16ToFloat(const uint8_t* samples, uint32_t frames);
@@ -63,7 +66,8 @@ private:
     std::vector<std::vector<uint8_t>> planes_;
     std::vector<void*> planePointers_;
     uint64_t framesWritten_ = 0;
-    uint64_t framesEncoded_ = 0; // including the padding of a short last frame
+    uint32_t leadingSilence_ = 0; // coded before the audio, stated as priming
+    uint64_t framesEncoded_ = 0;  // including the padding of a short last frame
 };
 
 } // namespace velvox

@@ -1,6 +1,7 @@
 #include "encoders/StreamEncodeOperation.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <exception>
 #include <filesystem>
 #include <functional>
@@ -128,12 +129,14 @@ void StreamEncodeOperation::main() {
     } catch (const std::exception& e) {
         ErrorLog::sharedController().logMessage(
             stringWithFormat(decoderExceptionText(), inFilePath(), std::string(e.what())));
+        setFailureReason(std::string("Could not decode the input: ") + e.what());
         onMainThread([this] { completeOperation(); });
         return;
     }
     if (!_decoder) {
         ErrorLog::sharedController().logMessage(
             stringWithFormat(decoderFailedText(), inFilePath()));
+        setFailureReason("No audio Velvox can decode (damaged, encrypted or unsupported)");
         onMainThread([this] { completeOperation(); });
         return;
     }
@@ -143,7 +146,8 @@ void StreamEncodeOperation::main() {
         encodeFile(formatDescription);
         encoded = true;
     } catch (const std::exception& e) {
-        logFailure(encodeFailedText(), e.what());
+        const int errorNumber = errno;
+        logFailure(encodeFailedText(), describeFailure(e, errorNumber));
     } catch (...) {
         logFailure(encodeFailedText(), "Unknown Exception");
     }
@@ -154,7 +158,8 @@ void StreamEncodeOperation::main() {
         try {
             moveToOutputLocation();
         } catch (const std::exception& e) {
-            logFailure(moveFailedText(), e.what());
+            const int errorNumber = errno;
+            logFailure(moveFailedText(), describeFailure(e, errorNumber));
         } catch (...) {
             logFailure(moveFailedText(), "Unknown Exception");
         }
@@ -164,6 +169,7 @@ void StreamEncodeOperation::main() {
 
 void StreamEncodeOperation::logFailure(const std::string& format, const std::string& description) {
     setSuccess(false);
+    setFailureReason(description);
     ErrorLog::sharedController().logMessage(
         stringWithFormat(format, inputDisplayName(), description));
     removeTemporaryFilesAfterFailure();
@@ -419,9 +425,19 @@ void StreamEncodeOperation::checkInputWasWhole(const KDDecoder& decoder) const {
     // passing it off as converted would cost the user the difference.
     const int64_t delivered = decoder.currentFrame();
     VLX_ASSERT(delivered > 0, "The input holds no audio.");
-    if (decoder.totalFramesIsExact() && delivered < decoder.totalFrames())
-        VLX_ASSERT(false, "The input ended after %lld of %lld frames.", (long long)delivered,
-                   (long long)decoder.totalFrames());
+    if (!decoder.totalFramesIsExact() || delivered >= decoder.totalFrames())
+        return;
+    // The user may choose to keep what could be read of a damaged file; the
+    // log still says what is missing.
+    if (UserDefaults::standardUserDefaults().boolForKey("allowIncompleteInput")) {
+        ErrorLog::sharedController().logMessage(stringWithFormat(
+            "Warning: %@ Is Incomplete.  Only %lld of %lld Frames Could Be Decoded; The Output "
+            "Keeps Them.",
+            inFilePath(), (long long)delivered, (long long)decoder.totalFrames()));
+        return;
+    }
+    VLX_ASSERT(false, "The input ended after %lld of %lld frames.", (long long)delivered,
+               (long long)decoder.totalFrames());
 }
 
 std::string StreamEncodeOperation::progressText(const std::string& formatDescription) const {
@@ -446,6 +462,8 @@ void StreamEncodeOperation::moveToOutputLocation() {
     didMoveEncodedFile();
     if (UserDefaults::standardUserDefaults().boolForKey("saveAlbumArtworkToFile"))
         saveAlbumArtworkToFile();
+    if (UserDefaults::standardUserDefaults().boolForKey("addToiTunesLibrary"))
+        addToiTunes();
 }
 
 } // namespace velvox

@@ -1,7 +1,5 @@
 #include "formats/CommonSettings.h"
 
-#include <mutex>
-#include <set>
 #include <string>
 
 #include "jobs/EncoderType.h"
@@ -76,17 +74,12 @@ SettingSpec method(std::vector<SettingChoice> methods, int64_t defaultMethod) {
     static const char* const kNumbers[] = {"0", "1", "2", "3"};
     for (const SettingChoice& choice : methods)
         spec.choices.push_back({kNumbers[choice.value & 3], choice.value});
-    // The words, as "cbr, abr or vbr"; the text is kept for the program's life.
-    static std::mutex mutex;
-    static std::set<std::string> texts;
-    std::string words;
+    // The words, as "cbr, abr or vbr".
     for (size_t i = 0; i < methods.size(); ++i)
-        words += (i == 0                    ? ""
-                  : i + 1 == methods.size() ? " or "
-                                            : ", ") +
-                 std::string(methods[i].word);
-    std::lock_guard lock(mutex);
-    spec.expected = texts.insert(words).first->c_str();
+        spec.expected += (i == 0                    ? ""
+                          : i + 1 == methods.size() ? " or "
+                                                    : ", ") +
+                         std::string(methods[i].word);
     return spec;
 }
 

@@ -96,7 +96,7 @@ EncoderSettingsEditor::EncoderSettingsEditor(const EncoderDescriptor& descriptor
             original_.contains(spec.key) ? original_[spec.key] : spec.defaultValue;
         QWidget* control = makeControl(spec, stored);
         control->setObjectName(QString("setting_") + spec.name);
-        control->setToolTip(QString::fromUtf8(spec.expected));
+        control->setToolTip(QString::fromStdString(spec.expected));
         form->addRow(label(spec), control);
         rows_.push_back({&spec, control});
     }
@@ -163,7 +163,7 @@ QWidget* EncoderSettingsEditor::makeControl(const SettingSpec& spec, const nlohm
     }
     default: {
         auto* edit = new QLineEdit(QString::fromStdString(typed), this);
-        edit->setPlaceholderText(QString::fromUtf8(spec.expected));
+        edit->setPlaceholderText(QString::fromStdString(spec.expected));
         return edit;
     }
     }

@@ -85,15 +85,38 @@ bool ErrorLogWindow::mail() {
                              .filePath(QString("velvox-error-log-%1.txt").arg(stamp));
     if (!saveTo(path))
         return false;
-    const bool started =
-        QProcess::startDetached("xdg-email", {"--subject", "Velvox error log", "--body",
-                                              text().left(4000), "--attach", path});
-    if (!started)
-        QMessageBox::warning(this, tr("Error Log"),
-                             tr("No mail client could be started (xdg-email). The log was saved "
-                                "to %1.")
-                                 .arg(path));
-    return started;
+    // Watched rather than detached: xdg-email answers 3 when no mail client
+    // exists, and the user must hear that the log was not sent. The process
+    // belongs to the application, so closing this window does not end it.
+    auto* process = new QProcess(qApp);
+    process->setProgram("xdg-email");
+    process->setArguments(
+        {"--subject", "Velvox error log", "--body", text().left(4000), "--attach", path});
+    QPointer<ErrorLogWindow> self(this);
+    auto report = [self, process, path](bool failed) {
+        process->deleteLater();
+        if (failed && self)
+            self->showMailFailure(path);
+    };
+    connect(process, &QProcess::finished, process, [report](int code, QProcess::ExitStatus status) {
+        report(status != QProcess::NormalExit || code != 0);
+    });
+    connect(process, &QProcess::errorOccurred, process, [report](QProcess::ProcessError error) {
+        if (error == QProcess::FailedToStart)
+            report(true);
+    });
+    process->start();
+    return process->waitForStarted(5000);
+}
+
+void ErrorLogWindow::showMailFailure(const QString& path) {
+    auto* box = new QMessageBox(
+        QMessageBox::Warning, tr("Error Log"),
+        tr("No mail client could be started (xdg-email). The log was saved to %1.").arg(path),
+        QMessageBox::Ok, this);
+    box->setObjectName("mailFailure");
+    box->setAttribute(Qt::WA_DeleteOnClose);
+    box->open();
 }
 
 } // namespace velvox

@@ -24,11 +24,15 @@ public:
     // Writes the log to `path`; false (with a message box) when it cannot.
     bool saveTo(const QString& path);
     // Saves the log to a file in the temporary folder and starts xdg-email with
-    // it attached; false when the mail client could not be started.
+    // it attached; false when xdg-email could not be started. When it later
+    // reports that no mail client took the log, a message box says where
+    // the log was saved.
     bool mail();
     void save();
 
 private:
+    void showMailFailure(const QString& path);
+
     QPlainTextEdit* view_;
 };
 

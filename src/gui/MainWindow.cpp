@@ -2,12 +2,12 @@
 
 #include <chrono>
 #include <filesystem>
-#include <set>
 
 #include <QApplication>
 #include <QCheckBox>
 #include <QCloseEvent>
-#include <QDBusInterface>
+#include <QDBusConnection>
+#include <QDBusMessage>
 #include <QDesktopServices>
 #include <QFileDialog>
 #include <QHeaderView>
@@ -239,35 +239,17 @@ void MainWindow::loadFacts() {
 void MainWindow::removeSelected() {
     if (controller_->encoderRunning())
         return beep();
-    std::set<const FileEncodeOperation*> selected;
+    std::vector<std::shared_ptr<FileEncodeOperation>> selected;
     for (const QModelIndex& index : queueView_->selectionModel()->selectedRows())
         if (auto job = queueModel_->jobAt(index.row()))
-            selected.insert(job.get());
-    rebuildQueue([&](const FileEncodeOperation& job) { return !selected.count(&job); });
-}
-
-void MainWindow::rebuildQueue(const std::function<bool(const FileEncodeOperation&)>& keep) {
-    if (intakeRunning_ || factsRunning_)
-        return beep();
-    joinWorkers();
-    auto fresh = std::make_unique<ApplicationController>();
-    fresh->setUserInterface(this);
-    for (const auto& job : controller_->operations())
-        if (keep(*job))
-            fresh->addFileEncodeOperationToQueueWithFilePath(job->inFilePath(),
-                                                             job->topLevelPath());
-    controller_->setUserInterface(nullptr);
-    std::swap(controller_, fresh);
-    queueModel_->setController(*controller_);
-    formatList_->setController(*controller_);
-    fresh.reset();
-    updateControls();
+            selected.push_back(std::move(job));
+    controller_->removeOperations(selected);
 }
 
 void MainWindow::clearQueue() {
     if (controller_->encoderRunning())
         return beep();
-    rebuildQueue([](const FileEncodeOperation&) { return false; });
+    controller_->removeOperations(controller_->operations());
 }
 
 void MainWindow::dragEnterEvent(QDragEnterEvent* event) {
@@ -504,14 +486,20 @@ void MainWindow::openFolder(const std::string& path) {
 }
 
 void MainWindow::notifyDesktop(const QString& title, const QString& body) {
-    // The freedesktop notification service, which GNOME and KDE both run;
-    // without a session bus there is simply no notification.
-    QDBusInterface notifications("org.freedesktop.Notifications", "/org/freedesktop/Notifications",
-                                 "org.freedesktop.Notifications");
-    if (!notifications.isValid())
+    // The freedesktop notification service, which GNOME and KDE both run. A
+    // plain message rather than a proxy object: a proxy introspects the
+    // service first, blocking the window, and fails for a service that the
+    // bus would start on demand. Without a session bus there is simply no
+    // notification.
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected())
         return;
-    notifications.asyncCall("Notify", "Velvox", 0u, "velvox", title, body, QStringList(),
-                            QVariantMap(), -1);
+    QDBusMessage notify = QDBusMessage::createMethodCall("org.freedesktop.Notifications",
+                                                         "/org/freedesktop/Notifications",
+                                                         "org.freedesktop.Notifications", "Notify");
+    notify << QString("Velvox") << uint(0) << QString("velvox") << title << body << QStringList()
+           << QVariantMap() << int(-1);
+    bus.send(notify);
 }
 
 void MainWindow::batchDidFinish() {

@@ -63,6 +63,10 @@ public:
     void cancel();
     void removeSelected();
     void clearQueue();
+    // Posts a desktop notification (org.freedesktop.Notifications on the
+    // session bus) without waiting for an answer; the batch's end uses it
+    // when the window is in the background.
+    void notifyDesktop(const QString& title, const QString& body);
 
     // ---- BatchUserInterface (GUI thread) ----
     void beep() override;
@@ -95,14 +99,8 @@ private:
     void intakeDidFinish();
     // Reads the format and length of queued files that have none yet.
     void loadFacts();
-    void notifyDesktop(const QString& title, const QString& body);
     void joinWorkers();
     PreferencesWindow::PreviewSource previewSource() const;
-    // Keeps only the jobs `keep` accepts. The controller has no call to drop
-    // queued jobs, so the kept ones are queued again in a fresh controller
-    // (with their top-level folders); it reloads the formats from the
-    // preferences, where the list saves every edit.
-    void rebuildQueue(const std::function<bool(const FileEncodeOperation&)>& keep);
 
     std::unique_ptr<MainRunLoopBridge> bridge_;
     std::unique_ptr<ApplicationController> controller_;

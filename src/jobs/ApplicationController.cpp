@@ -10,6 +10,7 @@
 #include "core/FormatRegistry.h"
 #include "jobs/BatchUserInterface.h"
 #include "jobs/EncodeOperation.h"
+#include "jobs/EncoderDescriptor.h"
 #include "jobs/EncoderSettings.h"
 #include "jobs/FileEncodeOperation.h"
 #include "jobs/FormatSpecifiers.h"
@@ -81,8 +82,11 @@ void ApplicationController::saveUserDefaults() {
 // ---- Intake ----
 
 bool ApplicationController::containsMP3Files() const {
+    // The family is the registry's to say: a file is MP3 when its row is
+    // written by the MP3 encoder.
     return std::any_of(operations_.begin(), operations_.end(), [](const auto& job) {
-        return lowercaseExtension(job->inFilePath()) == "mp3";
+        const FormatEntry* entry = FormatRegistry::match(job->inFilePath()).entry;
+        return entry && entry->encoder && entry->encoder->encoderType == EncoderTypeMP3;
     });
 }
 
@@ -132,10 +136,23 @@ void ApplicationController::parseDroppedFiles(const std::vector<std::string>& pa
     if (refused)
         return;
 
+    // A folder that holds the output folder is walked without it: what an
+    // earlier run wrote there is not a source of this one.
+    UserDefaults& defaults = UserDefaults::standardUserDefaults();
+    const std::string destination =
+        defaults.boolForKey("outputSameAsSource")
+            ? std::string()
+            : defaults.stringForKey("destinationDirectory").value_or("");
+    auto isDestination = [&destination](const fs::path& folder) {
+        std::error_code ec;
+        return !destination.empty() && fs::equivalent(folder, destination, ec);
+    };
+
     auto add = [this](const std::string& file, const std::string& topLevel) {
         performOnMainThread(
             [&] {
-                if (!isQueued(file)) {
+                // Nor is a file this batch has written.
+                if (!isQueued(file) && !createdOutputPathsContains(file)) {
                     addFileEncodeOperationToQueueWithFilePath(file, topLevel);
                     if (ui_)
                         ui_->operationsDidChange();
@@ -156,7 +173,7 @@ void ApplicationController::parseDroppedFiles(const std::vector<std::string>& pa
             for (; !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
                 if (stop_)
                     break;
-                if (isHidden(it->path())) {
+                if (isHidden(it->path()) || (it->is_directory(ec) && isDestination(it->path()))) {
                     if (it->is_directory(ec))
                         it.disable_recursion_pending();
                     continue;
@@ -303,6 +320,22 @@ void ApplicationController::removeJob(const std::shared_ptr<FileEncodeOperation>
     operations_.erase(it);
     if (int64_t(index) < nextIndex_)
         --nextIndex_;
+}
+
+// Takes its own list: callers may pass operations() itself.
+size_t
+ApplicationController::removeOperations(std::vector<std::shared_ptr<FileEncodeOperation>> jobs) {
+    size_t removed = 0;
+    for (const auto& job : jobs) {
+        if (job->isExecuting() ||
+            std::find(operations_.begin(), operations_.end(), job) == operations_.end())
+            continue;
+        removeJob(job);
+        ++removed;
+    }
+    if (removed > 0 && ui_)
+        ui_->operationsDidChange();
+    return removed;
 }
 
 // Jobs before the cursor have been started in this batch (and are running,

@@ -51,6 +51,9 @@ public:
     void addFileEncodeOperationToQueueWithFilePath(const std::string& path,
                                                    const std::string& topLevelPath);
     bool isParsing() const { return parsing_; }
+    // Main thread: takes the given jobs out of the queue, except those that
+    // are running; answers how many went.
+    size_t removeOperations(std::vector<std::shared_ptr<FileEncodeOperation>> jobs);
 
     // ---- The batch ----
     void encode();

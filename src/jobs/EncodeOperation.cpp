@@ -1,6 +1,7 @@
 #include "jobs/EncodeOperation.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 #include <algorithm>
@@ -9,15 +10,21 @@
 #include <map>
 #include <system_error>
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "core/KDDecoder.h"
 #include "jobs/FormatSpecifiers.h"
 #include "platform/ErrorLog.h"
+#include "platform/Exception.h"
 #include "platform/FileManager.h"
 #include "platform/MainRunLoop.h"
+#include "platform/MusicLibrary.h"
+#include "platform/StorageFailure.h"
 #include "platform/StringFormat.h"
 #include "platform/TaggingThread.h"
+#include "platform/TemporaryFiles.h"
 #include "platform/UserDefaults.h"
 
 namespace velvox {
@@ -38,6 +45,9 @@ void logMessage(const std::string& message) { ErrorLog::sharedController().logMe
 EncodeOperation::EncodeOperation() = default;
 
 EncodeOperation::~EncodeOperation() {
+    for (const std::optional<std::string>& path : {tempFilePath_, decodeFilePath_})
+        if (path)
+            TemporaryFiles::remove(*path);
     std::lock_guard lock(threadMutex_);
     if (thread_.joinable()) {
         if (thread_.get_id() == std::this_thread::get_id())
@@ -126,8 +136,19 @@ std::optional<std::string> EncodeOperation::tempFilePath() const {
     std::lock_guard lock(mutex_);
     return tempFilePath_;
 }
+// Temporary files of our own are listed for removal should the program be
+// ended at once; a tag-only update points this at the input, never listed.
+static void replaceListedTemporaryFile(const std::optional<std::string>& old,
+                                       const std::optional<std::string>& now) {
+    if (old && old != now)
+        TemporaryFiles::remove(*old);
+    if (now && TemporaryFiles::isOwnTemporaryName(*now))
+        TemporaryFiles::add(*now);
+}
+
 void EncodeOperation::setTempFilePath(std::optional<std::string> path) {
     std::lock_guard lock(mutex_);
+    replaceListedTemporaryFile(tempFilePath_, path);
     tempFilePath_ = std::move(path);
 }
 std::optional<std::string> EncodeOperation::decodeFilePath() const {
@@ -136,7 +157,41 @@ std::optional<std::string> EncodeOperation::decodeFilePath() const {
 }
 void EncodeOperation::setDecodeFilePath(std::optional<std::string> path) {
     std::lock_guard lock(mutex_);
+    replaceListedTemporaryFile(decodeFilePath_, path);
     decodeFilePath_ = std::move(path);
+}
+
+std::string EncodeOperation::failureReason() const {
+    std::lock_guard lock(mutex_);
+    return failureReason_;
+}
+
+void EncodeOperation::setFailureReason(std::string reason) {
+    std::lock_guard lock(mutex_);
+    failureReason_ = std::move(reason);
+}
+
+std::string EncodeOperation::describeFailure(const std::exception& failure, int errorNumber) const {
+    if (const auto* raised = dynamic_cast<const Exception*>(&failure)) {
+        // A close that failed says how in its user info.
+        const auto code = raised->userInfo().find("errorCode");
+        if (code != raised->userInfo().end() &&
+            StorageFailure::isOutOfSpace(std::atoi(code->second.c_str())))
+            errorNumber = std::atoi(code->second.c_str());
+    }
+    // The codec writes into the temporary folder; that is where room ran out.
+    const std::optional<std::string> temp = tempFilePath();
+    const fs::path folder = temp ? fs::path(*temp).parent_path() : fs::path();
+    if (const auto storage = StorageFailure::describe(errorNumber, folder))
+        return *storage;
+    return failure.what();
+}
+
+void EncodeOperation::failAndComplete(const std::string& logLine, const std::string& reason) {
+    logMessage(logLine);
+    success_ = false;
+    setFailureReason(reason);
+    onMainThread([this] { completeOperation(); });
 }
 
 std::string EncodeOperation::inputDisplayName() const {
@@ -228,6 +283,14 @@ bool EncodeOperation::determineOutputPath() {
         path = withExtension((base / fs::path(inFilePath_).stem()).string(), extension);
     }
 
+    if (const auto overlong = StorageFailure::overlongPart(path)) {
+        // Encoding first would only fail at the very end, at the move.
+        failAndComplete(stringWithFormat("The Output Name For %@ Is Too Long For Its File "
+                                         "System: %@",
+                                         inputDisplayName(), *overlong),
+                        StorageFailure::nameTooLongText(path));
+        return false;
+    }
     if (FileManager::isInMusicLibraryFolder(path)) {
         logMessage("Tracks can not be written to your iTunes library folder.  Please choose an "
                    "alternate destination folder in the preferences.");
@@ -271,17 +334,21 @@ bool EncodeOperation::determineOutputPath() {
 
 std::optional<std::string> EncodeOperation::claimFreeName(const std::string& temp,
                                                           const std::string& base,
-                                                          std::string& error) {
+                                                          std::string& error, int& errorNumber) {
     // The file is first brought into the output folder under a hidden name
     // (a copy when the temporary folder is on another file system); the
     // rename into a free name is then one step that never replaces.
     const fs::path folder = fs::path(base).parent_path();
     const fs::path staged = folder / ("." + fs::path(temp).filename().string() + ".part");
-    if (!FileManager::moveItem(temp, staged, error))
+    TemporaryFiles::add(staged.string());
+    struct Unlist {
+        std::string path;
+        ~Unlist() { TemporaryFiles::remove(path); }
+    } unlist{staged.string()};
+    if (!FileManager::moveItem(temp, staged, error, errorNumber))
         return std::nullopt;
     for (unsigned long n = 1;; ++n) {
         const std::string candidate = numberedPath(base, n);
-        int errorNumber = 0;
         if (FileManager::renameNoReplace(staged, candidate, errorNumber))
             return candidate;
         if (errorNumber != EEXIST) {
@@ -303,16 +370,25 @@ void EncodeOperation::moveEncodedFileToOutputLocation() {
 
         const fs::path folder = fs::path(*out).parent_path();
         std::string error;
+        int errorNumber = 0;
         fs::create_directories(folder, ec);
-        if (ec)
+        if (ec) {
             error = ec.message();
+            errorNumber = ec.value();
+        }
         std::optional<std::string> claimed;
         if (error.empty())
-            claimed = claimFreeName(*temp, outputBasePath_.value_or(*out), error);
+            claimed = claimFreeName(*temp, outputBasePath_.value_or(*out), error, errorNumber);
         if (!claimed) {
             logMessage(stringWithFormat("Could Not Move Encoded File To Folder %@.  Error:%@",
                                         folder.filename().string(), error));
             success_ = false;
+            if (const auto storage = StorageFailure::describe(errorNumber, folder))
+                setFailureReason(*storage);
+            else if (errorNumber == ENAMETOOLONG)
+                setFailureReason(StorageFailure::nameTooLongText(*out));
+            else
+                setFailureReason(error + ": " + folder.string());
         } else {
             const std::string unique = *claimed;
             std::string finalPath = unique;
@@ -342,6 +418,7 @@ void EncodeOperation::moveEncodedFileToOutputLocation() {
                     logMessage(stringWithFormat(
                         "Could Not Move File To Output Location %@.  Error:%@", *out, moveError));
                     success_ = false;
+                    setFailureReason(moveError + ": " + *out);
                 } else {
                     finalPath = *out;
                 }
@@ -384,9 +461,8 @@ void EncodeOperation::updateMetadataOnly() {
     success_ = true;
     setTempFilePath(inFilePath_);
     if (FileManager::isInMusicLibraryFolder(inFilePath_)) {
-        logMessage("The Metadata Of Music In Your iTunes Library Can Not Be Edited");
-        success_ = false;
-        onMainThread([this] { completeOperation(); });
+        const std::string text = "The Metadata Of Music In Your iTunes Library Can Not Be Edited";
+        failAndComplete(text, text);
         return;
     }
 
@@ -403,7 +479,22 @@ void EncodeOperation::updateMetadataOnly() {
     }
     setOutFilePath(out);
 
-    onTaggingThread([this] { writeMetadata(); });
+    if (!inputIsWritable())
+        return;
+    std::string tagError;
+    onTaggingThread([this, &tagError] {
+        try {
+            writeMetadata();
+        } catch (const std::exception& e) {
+            tagError = e.what();
+        }
+    });
+    if (!tagError.empty()) {
+        failAndComplete(stringWithFormat("Could Not Update The Metadata Of %@.  Error:%@",
+                                         inputDisplayName(), tagError),
+                        "Could not update the tags: " + tagError);
+        return;
+    }
 
     if (out != inFilePath_) {
         std::error_code ec;
@@ -415,9 +506,26 @@ void EncodeOperation::updateMetadataOnly() {
             logMessage(stringWithFormat("Could Not Move Encoded File To Folder %@.  Error:%@",
                                         folder.filename().string(), error));
             success_ = false;
+            setFailureReason("Tags updated, but the file could not be moved: " + error);
         }
     }
     onMainThread([this] { completeOperation(); });
+}
+
+bool EncodeOperation::inputIsWritable() {
+    // The tag writers rewrite the file in place and say nothing when they
+    // cannot; opening it for writing first finds the cause while it can
+    // still be named.
+    const int fd = ::open(inFilePath_.c_str(), O_WRONLY | O_CLOEXEC);
+    if (fd >= 0) {
+        ::close(fd);
+        return true;
+    }
+    const std::string error = std::strerror(errno);
+    failAndComplete(stringWithFormat("Could Not Update The Metadata Of %@.  Error:%@",
+                                     inputDisplayName(), error),
+                    "Could not update the tags: " + error);
+    return false;
 }
 
 void EncodeOperation::saveAlbumArtworkToFile() {
@@ -442,6 +550,19 @@ void EncodeOperation::saveAlbumArtworkToFile() {
     const fs::path target = fs::path(*out).parent_path() / (name + "." + extension);
     if (artwork->writeToFile(target))
         FileManager::clearQuarantine(target);
+}
+
+void EncodeOperation::addToiTunes() {
+    const auto out = outFilePath();
+    if (!out || !success() || !isItunesCompatible())
+        return;
+    UserDefaults& defaults = UserDefaults::standardUserDefaults();
+    // A playlist name is no file name: the values go in as they are.
+    const std::string playlist =
+        expandFormatSpecifiers(defaults.stringForKey("iTunesPlaylistName"), metadata().get(),
+                               settings_.get(), inFilePath_, false);
+    MusicLibrary::sharedLibrary().addFile(*out, playlist,
+                                          defaults.boolForKey("addToiTunesPlaylist"), cancelled_);
 }
 
 } // namespace velvox

@@ -10,6 +10,7 @@
 // "currentFrame", "currentStatus" and "metadata" on the thread that changed them.
 
 #include <atomic>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -60,6 +61,10 @@ public:
     static std::string companionPath(const std::string& path);
     void updateMetadataOnly();
     void saveAlbumArtworkToFile();
+    // Operation thread, after the move: adds the output to the desktop music
+    // library (and its playlist, "addToiTunesPlaylist") when this encoder's
+    // files belong there. A library that refuses is logged; the encode stands.
+    void addToiTunes();
 
     // Progress of a decoder that first decodes its whole input to a file.
     void decoderDidUpdateProgressPercent(KDDecoder& decoder, double progress) override;
@@ -98,6 +103,16 @@ public:
     bool waitingUserInput() const { return waitingUserInput_; }
     void setWaitingUserInput(bool value);
     bool outputFileExistedBeforeEncode() const { return outputFileExistedBeforeEncode_; }
+    // Why the operation failed, in a few words for a summary ("No space left
+    // on device in /music"); empty while it has not failed. Any thread.
+    std::string failureReason() const;
+    void setFailureReason(std::string reason);
+    // Operation thread: what a failure's exception means for the user. A
+    // full disk or quota is named as such with its folder, whatever the
+    // codec library called it; anything else is the exception's own text.
+    // `errorNumber` is errno as the failure left it (read first thing in
+    // the handler: functions set it only when they fail).
+    std::string describeFailure(const std::exception& failure, int errorNumber) const;
 
     // The input file's name as shown to the user.
     std::string inputDisplayName() const;
@@ -113,7 +128,14 @@ private:
     // Operation thread: moves the temporary file into the first free name of
     // base, "base 2", ... and answers it; nothing on failure (error set).
     static std::optional<std::string> claimFreeName(const std::string& temp,
-                                                    const std::string& base, std::string& error);
+                                                    const std::string& base, std::string& error,
+                                                    int& errorNumber);
+    // Operation thread: fails the operation with `logLine` in the error log
+    // and `reason` as its cause, and completes it on the main thread.
+    void failAndComplete(const std::string& logLine, const std::string& reason);
+    // Operation thread, tag-only updates: false (and the operation failed)
+    // when the file cannot be opened for writing.
+    bool inputIsWritable();
 
     std::string inFilePath_;
     std::string topLevelPath_;
@@ -123,6 +145,7 @@ private:
     std::optional<std::string> decodeFilePath_;
     std::shared_ptr<AudioMetadata> metadata_;
     std::string currentStatus_;
+    std::string failureReason_;
     std::shared_ptr<EncoderSettings> settings_;
     EncodeOperationDelegate* delegate_ = nullptr;
 

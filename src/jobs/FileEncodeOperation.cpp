@@ -114,6 +114,11 @@ std::vector<std::string> FileEncodeOperation::outputPaths() const {
     return outputPaths_;
 }
 
+std::vector<std::string> FileEncodeOperation::failureReasons() const {
+    std::lock_guard lock(mutex_);
+    return failureReasons_;
+}
+
 std::shared_ptr<AudioMetadata> FileEncodeOperation::metadata() {
     std::lock_guard loading(metadataLoadMutex_);
     {
@@ -240,6 +245,11 @@ FileEncodeOperation::operationFor(const EncoderSettings& settings) {
         // Counted as a failed encode so that the batch reports it.
         success_ = false;
         ++failedEncodes_;
+        std::lock_guard lock(mutex_);
+        failureReasons_.push_back(settings.encoderAction() == EncoderActionEncode
+                                      ? "This build has no encoder for " +
+                                            settings.outputFormatDescription()
+                                      : "This build cannot write tags into this format");
         return nullptr;
     }
     return std::shared_ptr<EncodeOperation>(std::move(made));
@@ -331,6 +341,10 @@ void FileEncodeOperation::operationDidFinish(EncodeOperation& operation) {
         if (!operation.success()) {
             success_ = false;
             ++failedEncodes_;
+            const std::string reason = operation.failureReason();
+            if (!reason.empty() && std::find(failureReasons_.begin(), failureReasons_.end(),
+                                             reason) == failureReasons_.end())
+                failureReasons_.push_back(reason);
         } else {
             ++successfulEncodes_;
         }
@@ -434,6 +448,7 @@ void FileEncodeOperation::resetOperation() {
                 released.push_back(std::move(operation));
         std::erase(finishedOperations_, nullptr);
         outputPaths_.clear();
+        failureReasons_.clear();
     }
     released.clear();
 

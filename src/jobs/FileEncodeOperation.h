@@ -60,6 +60,9 @@ public:
     std::vector<std::shared_ptr<EncodeOperation>> operations() const;
     // The output files made by this run of the job (skips and failures left out).
     std::vector<std::string> outputPaths() const;
+    // The causes its failed operations gave, each once, in the order they
+    // failed (empty for a failure that named none). Any thread.
+    std::vector<std::string> failureReasons() const;
 
     float percentComplete() const { return percentComplete_; }
     void setPercentCompleteNumber(float value);
@@ -103,6 +106,7 @@ private:
     std::vector<Watched> operations_;
     std::vector<std::shared_ptr<EncodeOperation>> finishedOperations_;
     std::vector<std::string> outputPaths_;
+    std::vector<std::string> failureReasons_;
     std::string currentStatus_;
 
     std::atomic<float> percentComplete_ = 0;

@@ -48,7 +48,7 @@ struct SettingSpec {
     // invertFrom - typed (LAME's -V 2 is the stored 8). 0 leaves it as typed.
     int64_t invertFrom = 0;
     // What a valid value looks like, for messages and help.
-    const char* expected = "";
+    std::string expected;
 
     bool answersTo(const std::string& lowercaseWord) const;
     // The stored value for a typed one; nothing when it is refused.

@@ -13,6 +13,9 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include "platform/StorageFailure.h"
+#include "platform/TemporaryFiles.h"
+
 namespace velvox {
 
 namespace {
@@ -28,9 +31,11 @@ struct GErrorDeleter {
 // hidden temporary name beside the destination and is renamed into place, so
 // no half-written file ever stands at the destination path.
 bool copyThenRemove(const std::filesystem::path& from, const std::filesystem::path& to,
-                    std::string& error) {
+                    std::string& error, int& errorNumber) {
     const std::filesystem::path partial =
         to.parent_path() / ("." + to.filename().string() + ".velvox-partial");
+    // Listed while it exists, so that a program ended at once removes it too.
+    TemporaryFiles::add(partial.string());
     std::error_code ec;
     std::filesystem::copy_file(from, partial, std::filesystem::copy_options::overwrite_existing,
                                ec);
@@ -43,11 +48,18 @@ bool copyThenRemove(const std::filesystem::path& from, const std::filesystem::pa
         std::filesystem::rename(partial, to, ec);
     }
     if (ec) {
+        // The kernel's in-kernel copy reports a full destination as an I/O
+        // error; while the partial copy still fills it, the disk says why.
+        if (StorageFailure::isFull(partial.parent_path()))
+            ec = std::make_error_code(std::errc::no_space_on_device);
         std::error_code ignored;
         std::filesystem::remove(partial, ignored);
+        TemporaryFiles::remove(partial.string());
         error = ec.message();
+        errorNumber = ec.value();
         return false;
     }
+    TemporaryFiles::remove(partial.string());
     std::filesystem::remove(from, ec);
     return true;
 }
@@ -56,13 +68,20 @@ bool copyThenRemove(const std::filesystem::path& from, const std::filesystem::pa
 
 bool FileManager::moveItem(const std::filesystem::path& from, const std::filesystem::path& to,
                            std::string& error) {
+    int errorNumber = 0;
+    return moveItem(from, to, error, errorNumber);
+}
+
+bool FileManager::moveItem(const std::filesystem::path& from, const std::filesystem::path& to,
+                           std::string& error, int& errorNumber) {
     if (::rename(from.c_str(), to.c_str()) == 0)
         return true;
     if (errno != EXDEV) {
+        errorNumber = errno;
         error = std::strerror(errno);
         return false;
     }
-    return copyThenRemove(from, to, error);
+    return copyThenRemove(from, to, error, errorNumber);
 }
 
 bool FileManager::renameNoReplace(const std::filesystem::path& from,

@@ -13,6 +13,9 @@ public:
     // original); the destination is replaced. Returns false with `error` set.
     static bool moveItem(const std::filesystem::path& from, const std::filesystem::path& to,
                          std::string& error);
+    // The same, with the failure's errno (so that a full disk can be named).
+    static bool moveItem(const std::filesystem::path& from, const std::filesystem::path& to,
+                         std::string& error, int& errorNumber);
     // Renames within one file system without ever replacing: fails with
     // EEXIST in `errorNumber` when `to` exists, so that two threads choosing
     // the same free name cannot both have it.

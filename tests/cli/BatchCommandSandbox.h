@@ -26,6 +26,10 @@ struct Outcome {
     int exitCode = -1;
     std::string out;
     std::string err;
+    // From the first signal to the program's end (runAndSignal only).
+    double secondsToExit = 0;
+    // `ls -A` of the mounted folder as the program left it (runWithMount only).
+    std::string mountedFolder;
 };
 
 // In the sanitizer build the program reports what it finds on its standard
@@ -67,8 +71,15 @@ public:
 
     // "NAME=VALUE" for each variable the program gets besides the inherited.
     std::vector<std::string> environment() const {
-        return {"XDG_CONFIG_HOME=" + path("config", ""), "XDG_DATA_HOME=" + path("data", ""),
-                "TMPDIR=" + path("tmp", "")};
+        std::vector<std::string> variables{"XDG_CONFIG_HOME=" + path("config", ""),
+                                           "XDG_DATA_HOME=" + path("data", ""),
+                                           "TMPDIR=" + path("tmp", "")};
+        variables.insert(variables.end(), extra_.begin(), extra_.end());
+        return variables;
+    }
+    // One more variable for every later run.
+    void setEnvironment(const std::string& name, const std::string& value) {
+        extra_.push_back(name + "=" + value);
     }
 
     // Runs `velvox ARGS` with no terminal on standard input.
@@ -78,22 +89,55 @@ public:
         return outcome(r.exitCode, r.output);
     }
 
-    // The same, sending SIGNAL (a kill(1) name) once a line starting with
-    // `trigger` has appeared on the program's standard output.
+    // The same, sending each of SIGNALS (kill(1) names, one right after the
+    // other) once a line starting with `trigger` has appeared on its
+    // standard output.
     Outcome runAndSignal(const std::string& args, const std::string& trigger,
-                         const std::string& signal) const {
+                         const std::vector<std::string>& signals) const {
         const std::string outPath = (dir_.path() / "stdout.txt").string();
+        std::string kills;
+        for (const std::string& signal : signals)
+            kills += "kill -" + signal + " $pid; ";
         const std::string script =
             velvoxCommand(args) + " </dev/null >" + shellQuote(outPath) + " 2>" +
             shellQuote(errorPath()) + " & pid=$!; i=0; while ! grep -q " +
             shellQuote("^" + trigger) + " " + shellQuote(outPath) +
-            " 2>/dev/null && [ $i -lt 1200 ]; do sleep 0.05; i=$((i+1)); done; kill -" + signal +
-            " $pid; wait $pid; echo $? >" + shellQuote(outPath + ".status");
+            " 2>/dev/null && [ $i -lt 1200 ]; do sleep 0.05; i=$((i+1)); done; t0=$(date +%s%N); " +
+            kills + "wait $pid; echo $? $(( ($(date +%s%N) - t0) / 1000000 )) >" +
+            shellQuote(outPath + ".status");
         runCommand(script);
         const std::vector<uint8_t> out = readFile(outPath);
-        const std::vector<uint8_t> status = readFile(outPath + ".status");
-        return outcome(std::atoi(std::string(status.begin(), status.end()).c_str()),
-                       std::string(out.begin(), out.end()));
+        const std::vector<uint8_t> bytes = readFile(outPath + ".status");
+        int status = -1;
+        long milliseconds = -1;
+        std::istringstream(std::string(bytes.begin(), bytes.end())) >> status >> milliseconds;
+        Outcome result = outcome(status, std::string(out.begin(), out.end()));
+        result.secondsToExit = double(milliseconds) / 1000.0;
+        return result;
+    }
+
+    // Runs `velvox ARGS` in a user and mount namespace of its own (no root
+    // needed) in which FOLDER (made if missing) is a tmpfs of SIZE (e.g.
+    // "256k"), or, with SIZE "ro", a read-only view of itself.
+    Outcome runWithMount(const std::string& folder, const std::string& size,
+                         const std::string& args) const {
+        std::filesystem::create_directories(folder);
+        const std::string mount =
+            size == "ro" ? "mount --bind " + shellQuote(folder) + " " + shellQuote(folder) +
+                               " && mount -o remount,bind,ro " + shellQuote(folder)
+                         : "mount -t tmpfs -o size=" + size + " tmpfs " + shellQuote(folder);
+        // What the mounted folder holds at the end is listed from inside,
+        // before the mount goes with the namespace.
+        const std::string listing = (dir_.path() / "mounted.txt").string();
+        const std::string script = mount + " && { " + velvoxCommand(args) + " </dev/null 2>" +
+                                   shellQuote(errorPath()) + "; status=$?; ls -A " +
+                                   shellQuote(folder) + " >" + shellQuote(listing) +
+                                   "; exit $status; }";
+        const CommandResult r = runCommand("unshare -rm sh -c " + shellQuote(script));
+        Outcome result = outcome(r.exitCode, r.output);
+        const std::vector<uint8_t> names = readFile(listing);
+        result.mountedFolder.assign(names.begin(), names.end());
+        return result;
     }
 
     // Whatever the program left in its temporary folder.
@@ -128,6 +172,7 @@ private:
     }
 
     TempDir dir_;
+    std::vector<std::string> extra_;
 };
 
 // Runs a shell command that has to succeed (fixture making).

@@ -123,6 +123,10 @@ std::string tagValue(const std::multimap<std::string, std::string>& tags, const 
     return range.first->second;
 }
 
+std::vector<uint8_t> bytesOf(const std::string& text) {
+    return std::vector<uint8_t>(text.begin(), text.end());
+}
+
 bool contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
 }
@@ -399,28 +403,229 @@ TEST(ConvertCommand, DeleteOriginalTrashesOnlySourcesThatConverted) {
     EXPECT_EQ(box.temporaryLeftovers(), std::vector<std::string>{});
 }
 
-TEST(ConvertCommand, InterruptOrTerminateCancelsTheBatchAndLeavesNothing) {
+TEST(ConvertCommand, InterruptOrTerminateCancelsTheBatchQuicklyAndLeavesNothing) {
     CommandSandbox box;
     const std::string source = box.src("long.wav");
-    // Ten minutes of noise keeps the encoder busy long enough to be interrupted.
+    // Ten minutes of noise at FLAC's slowest level keeps the encoder busy.
     mustRun("sox -n -r 44100 -b 16 -c 2 " + shellQuote(source) + " synth 600 whitenoise");
     const std::string md5 = fileMD5(source);
-    const std::string output = box.out("long.flac");
+    const std::string args =
+        "convert -f flac:level=8 -o " + shellQuote(box.out()) + " " + shellQuote(source);
 
-    for (const char* signal : {"INT", "TERM"}) {
-        SCOPED_TRACE(signal);
-        const Outcome r = box.runAndSignal("convert -f flac -o " + shellQuote(box.out()) + " " +
-                                               shellQuote(source),
-                                           "Converting ", signal);
-        EXPECT_EQ(r.exitCode, 130) << r.out << r.err;
-        EXPECT_TRUE(contains(r.out, "Cancelled: " + source + "\n")) << r.out;
-        EXPECT_TRUE(contains(r.out, "(interrupted).\n")) << r.out;
+    struct Case {
+        std::vector<std::string> signals;
+        int status;
+    };
+    for (const Case& c : {Case{{"INT"}, 130}, Case{{"TERM"}, 143}, Case{{"INT", "INT"}, 130}}) {
+        const bool twice = c.signals.size() > 1;
+        SCOPED_TRACE(c.signals.front() + (twice ? " twice" : ""));
+        const Outcome r = box.runAndSignal(args, "Converting ", c.signals);
+        EXPECT_EQ(r.exitCode, c.status) << r.out << r.err;
+        EXPECT_LT(r.secondsToExit, 2.0);
+        if (!twice) {
+            EXPECT_TRUE(contains(r.out, "Cancelled: " + source + "\n")) << r.out;
+            EXPECT_TRUE(contains(r.out, "(interrupted).\n")) << r.out;
+        }
         EXPECT_FALSE(contains(r.out, " -> ")) << r.out;
-        EXPECT_FALSE(fs::exists(output));
         EXPECT_EQ(filesBelow(box.out()), std::vector<std::string>{});
         EXPECT_EQ(box.temporaryLeftovers(), std::vector<std::string>{});
     }
     EXPECT_EQ(fileMD5(source), md5);
+}
+
+TEST(ConvertCommand, AFullDiskIsNamedWithItsFolderAndLeavesNothing) {
+    // A tmpfs too small for the encode, once as the temporary folder (the
+    // codec's writes fail) and once as the output folder (the move fails).
+    CommandSandbox box;
+    const std::string source = box.src("noise.wav");
+    mustRun("sox -n -r 44100 -b 16 -c 2 " + shellQuote(source) + " synth 10 whitenoise");
+    for (const bool fullTemporaryFolder : {true, false}) {
+        SCOPED_TRACE(fullTemporaryFolder ? "temporary folder" : "output folder");
+        const std::string output = box.out(fullTemporaryFolder ? "a" : "b");
+        const std::string full = fullTemporaryFolder ? box.temporaryFolder() : output;
+        fs::create_directories(output);
+        const Outcome r = box.runWithMount(
+            full, "256k", "convert -f flac -o " + shellQuote(output) + " " + shellQuote(source));
+        EXPECT_EQ(r.exitCode, 1) << r.out << r.err;
+        const std::string cause = "No space left on device in " + fs::path(full).string();
+        EXPECT_TRUE(contains(r.out, "FAILED: " + source + "\n  " + cause + "\n")) << r.out;
+        EXPECT_TRUE(contains(r.err, fullTemporaryFolder ? cause : "Error:No space left on device"))
+            << r.err;
+        for (const char* vague : {"Input/output error", "CLIENT_ERROR"})
+            EXPECT_FALSE(contains(r.out + r.err, vague)) << r.out << r.err;
+        EXPECT_EQ(r.mountedFolder, "");
+        EXPECT_EQ(filesBelow(output), std::vector<std::string>{});
+        EXPECT_EQ(box.temporaryLeftovers(), std::vector<std::string>{});
+    }
+}
+
+TEST(ConvertCommand, OutputProblemsNameTheirCause) {
+    CommandSandbox box;
+    const std::string source = box.src("song.wav");
+    ASSERT_NO_FATAL_FAILURE(makeSource(source, 44100, 16, 2, 4410, 5));
+    {
+        SCOPED_TRACE("a name longer than the file system takes");
+        const std::string name(300, 'n');
+        const Outcome r = box.run("convert -f flac --naming " + name + " -o " +
+                                  shellQuote(box.out()) + " " + shellQuote(source));
+        EXPECT_EQ(r.exitCode, 1) << r.out << r.err;
+        EXPECT_TRUE(contains(r.out, "FAILED: " + source +
+                                        "\n  File name too long for its file "
+                                        "system: " +
+                                        box.out(name + ".flac")))
+            << r.out;
+        EXPECT_TRUE(contains(r.err, "The Output Name For song.wav Is Too Long")) << r.err;
+    }
+    {
+        SCOPED_TRACE("a missing output folder");
+        const std::string missing = box.out("not-there");
+        const Outcome r =
+            box.run("convert -f flac -o " + shellQuote(missing) + " " + shellQuote(source));
+        EXPECT_EQ(r.exitCode, 2) << r.out << r.err;
+        EXPECT_TRUE(contains(
+            r.err, "The output folder given with -o/--output does not exist: " + missing + "\n"))
+            << r.err;
+        EXPECT_FALSE(fs::exists(missing));
+    }
+    EXPECT_EQ(filesBelow(box.out()), std::vector<std::string>{});
+    EXPECT_EQ(box.temporaryLeftovers(), std::vector<std::string>{});
+}
+
+TEST(ConvertCommand, AFolderHoldingTheOutputFolderIsWalkedWithoutIt) {
+    CommandSandbox box;
+    const std::string music = box.src("music");
+    const std::string output = music + "/out";
+    fs::create_directories(output);
+    ASSERT_NO_FATAL_FAILURE(makeSource(music + "/a.wav", 44100, 16, 2, 4410, 6));
+    ASSERT_NO_FATAL_FAILURE(makeSource(output + "/earlier.wav", 44100, 16, 2, 4410, 7));
+    const Outcome r = box.run("convert -f flac -o " + shellQuote(output) + " " + shellQuote(music));
+    EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
+    EXPECT_EQ(filesBelow(output), (std::vector<std::string>{"a.flac", "earlier.wav"}));
+    EXPECT_TRUE(contains(r.out, "1 converted, 0 skipped, 0 failed.\n")) << r.out;
+}
+
+TEST(ConvertCommand, TheOverwriteQuestionIsAskedOnATerminal) {
+    // standard input and error on a pseudo-terminal, the results to a file;
+    // the question is answered as it appears.
+    CommandSandbox box;
+    const std::string source = box.src("song.wav");
+    ASSERT_NO_FATAL_FAILURE(makeSource(source, 44100, 16, 2, 4410, 8));
+    const std::string script = box.scratch("answer.py");
+    writeFile(script, bytesOf(R"(import os, pty, subprocess, sys, select
+command, results, answers = sys.argv[1], sys.argv[2], sys.argv[3:]
+master, slave = pty.openpty()
+with open(results, "wb") as out:
+    child = subprocess.Popen(command, shell=True, stdin=slave, stdout=out, stderr=slave)
+os.close(slave)
+seen = transcript = b""
+while True:
+    ready, _, _ = select.select([master], [], [], 30)
+    if not ready:
+        child.kill()
+        break
+    try:
+        chunk = os.read(master, 4096)
+    except OSError:
+        break
+    if not chunk:
+        break
+    seen += chunk
+    transcript += chunk
+    if answers and seen.rstrip().endswith(b":"):
+        os.write(master, answers.pop(0).encode() + b"\n")
+        seen = b""
+sys.stdout.buffer.write(transcript)
+sys.exit(child.wait())
+)"));
+    const std::vector<uint8_t> old = {'o', 'l', 'd', '\n'};
+    struct Case {
+        std::vector<std::string> answers;
+        std::vector<std::string> files;
+    };
+    for (const Case& c :
+         {Case{{"y", "n"}, {"song.flac"}}, Case{{"n", "n"}, {"song 2.flac", "song.flac"}},
+          Case{{"s", "y"}, {"song.flac"}}}) {
+        SCOPED_TRACE(c.answers.front());
+        const std::string folder = box.out(c.answers.front());
+        fs::create_directories(folder);
+        writeFile(folder + "/song.flac", old);
+        std::string command = "";
+        for (const std::string& variable : box.environment())
+            command += shellQuote(variable) + " ";
+        command = "env " + command + VELVOX_BINARY + " convert -f flac -o " + shellQuote(folder) +
+                  " " + shellQuote(source);
+        const CommandResult r =
+            runCommand("/usr/bin/python3 " + shellQuote(script) + " " + shellQuote(command) + " " +
+                       shellQuote(box.scratch("results.txt")) + " " + c.answers[0] + " " +
+                       c.answers[1] + " 2>&1");
+        EXPECT_EQ(r.exitCode, 0) << r.output;
+        EXPECT_TRUE(contains(r.output, "The file \"song.flac\" already exists.")) << r.output;
+        EXPECT_TRUE(contains(r.output, "Apply to all in this batch")) << r.output;
+        EXPECT_EQ(filesBelow(folder), c.files);
+        const std::string kept = c.answers.front() == "n" ? "/song 2.flac" : "/song.flac";
+        if (c.answers.front() == "s")
+            EXPECT_EQ(readFile(folder + kept), old);
+        else
+            EXPECT_EQ(pcmMD5ByFlac(folder + kept), pcmMD5BySox(source, 16));
+    }
+}
+
+TEST(ConvertCommand, DamagedSourcesFailWithTheirCauseUnlessIncompleteIsAllowed) {
+    CommandSandbox box;
+    const std::string wav = box.src("whole.wav");
+    mustRun("sox -n -r 44100 -b 16 -c 2 " + shellQuote(wav) + " synth 4 sine 440");
+    const std::vector<uint8_t> whole = readFile(wav);
+    const std::string flac = box.scratch("whole.flac");
+    mustRun("flac -s -f -o " + shellQuote(flac) + " " + shellQuote(wav));
+    const std::vector<uint8_t> flacBytes = readFile(flac);
+    const std::string cutFlac = box.src("cut-f.flac"), cutWav = box.src("cut-w.wav");
+    writeFile(cutFlac,
+              std::vector<uint8_t>(flacBytes.begin(),
+                                   flacBytes.begin() + std::ptrdiff_t(flacBytes.size() / 2)));
+    writeFile(cutWav, std::vector<uint8_t>(whole.begin(),
+                                           whole.begin() + std::ptrdiff_t(whole.size() / 2)));
+    fs::remove(wav);
+    // An ASF header object's GUID in front of noise: FFmpeg's stand-in for
+    // a file whose audio no decoder here can read (protected WMA).
+    std::vector<uint8_t> asf = {0x30, 0x26, 0xB2, 0x75, 0x8E, 0x66, 0xCF, 0x11,
+                                0xA6, 0xD9, 0x00, 0xAA, 0x00, 0x62, 0xCE, 0x6C};
+    for (uint32_t i = 0, x = 7; i < 4000; ++i)
+        asf.push_back(uint8_t((x = x * 1103515245u + 12345u) >> 24));
+    const std::string wma = box.src("locked.wma");
+    writeFile(wma, asf);
+
+    const std::string inputs =
+        shellQuote(cutFlac) + " " + shellQuote(cutWav) + " " + shellQuote(wma);
+    {
+        SCOPED_TRACE("refused, even with --delete-original");
+        const Outcome r =
+            box.run("convert -f flac --delete-original -o " + shellQuote(box.out()) + " " + inputs);
+        EXPECT_EQ(r.exitCode, 1) << r.out << r.err;
+        for (const std::string& cut : {cutFlac, cutWav})
+            EXPECT_TRUE(contains(r.out, "FAILED: " + cut + "\n  The input ended after ")) << r.out;
+        EXPECT_TRUE(contains(r.out, "FAILED: " + wma + "\n  No audio Velvox can decode")) << r.out;
+        EXPECT_TRUE(contains(r.out, "0 converted, 0 skipped, 3 failed.\n")) << r.out;
+        EXPECT_EQ(filesBelow(box.out()), std::vector<std::string>{});
+        EXPECT_EQ(readFile(cutFlac).size(), flacBytes.size() / 2);
+        EXPECT_EQ(readFile(cutWav).size(), whole.size() / 2);
+    }
+    {
+        SCOPED_TRACE("--allow-incomplete");
+        const Outcome r = box.run("convert -f flac --allow-incomplete -o " + shellQuote(box.out()) +
+                                  " " + inputs);
+        EXPECT_EQ(r.exitCode, 1) << r.out << r.err; // the WMA still fails
+        EXPECT_TRUE(contains(r.out, "2 converted, 0 skipped, 1 failed.\n")) << r.out;
+        for (const std::string name : {"cut-f.flac", "cut-w.wav"}) {
+            SCOPED_TRACE(name);
+            EXPECT_TRUE(contains(r.err, "Warning: " + box.src(name) + " Is Incomplete.")) << r.err;
+            const std::string output = box.out(fs::path(name).stem().string() + ".flac");
+            EXPECT_EQ(runCommand("flac -t -s " + shellQuote(output) + " 2>&1").exitCode, 0);
+            const long samples = std::atol(metaflacShow("--show-total-samples", output).c_str());
+            EXPECT_GT(samples, 44100 / 2);
+            EXPECT_LT(samples, 44100 * 4);
+        }
+        EXPECT_EQ(box.temporaryLeftovers(), std::vector<std::string>{});
+    }
 }
 
 TEST(ConvertCommand, FifosAndDevicesAreRefusedNotRead) {

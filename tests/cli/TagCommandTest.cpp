@@ -205,3 +205,25 @@ TEST(TagCommand, AFileWithoutATagWriterFailsAloneAndStaysAsItWas) {
     expectSameAudio(audio, flac);
     EXPECT_FALSE(fs::exists(missing));
 }
+
+TEST(TagCommand, AFileThatCannotBeWrittenIsReportedAsATagFailure) {
+    // A read-only view of the folder (even root cannot write there): both
+    // ways of rewriting tags fail by name, and the file stays as it was.
+    CommandSandbox box;
+    const std::string file = box.src("song.flac");
+    ASSERT_NO_FATAL_FAILURE(makeFLAC(file, true, 9));
+    const std::vector<uint8_t> before = readFile(file);
+    for (const std::string& command : {"tag --set trackTitle=New " + shellQuote(file),
+                                       "convert --update-tags " + shellQuote(file)}) {
+        SCOPED_TRACE(command);
+        const Outcome r = box.runWithMount(box.src(), "ro", command);
+        EXPECT_EQ(r.exitCode, 1) << r.out << r.err;
+        EXPECT_TRUE(contains(r.out, "FAILED: " + file +
+                                        "\n  Could not update the tags: Read-only file system\n"))
+            << r.out;
+        EXPECT_TRUE(contains(r.out, "Failed to update the tags of 1 of 1 files.\n")) << r.out;
+        EXPECT_FALSE(contains(r.out, "Failed To Encode")) << r.out;
+        EXPECT_TRUE(contains(r.err, "Could Not Update The Metadata Of song.flac.")) << r.err;
+        EXPECT_EQ(readFile(file), before);
+    }
+}

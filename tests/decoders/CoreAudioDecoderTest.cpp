@@ -11,8 +11,8 @@
 
 #include <gtest/gtest.h>
 
-#include "core/KDDecoder.h"
 #include "decoders/CoreAudioDecoder.h"
+#include "decoders/DecoderTestSupport.h"
 #include "platform/ErrorLog.h"
 #include "support/TestSupport.h"
 
@@ -21,57 +21,12 @@ using namespace velvox::test;
 
 namespace {
 
-struct Decoded {
-    std::vector<uint8_t> pcm;
-    uint64_t frames = 0;
-};
-
-// Reads in uneven slices so that partial frames of coded formats carry over
-// between calls.
-Decoded decodeAll(KDDecoder& decoder) {
-    Decoded d;
-    const auto format = decoder.decodeFormat();
-    const uint32_t sizes[] = {4096, 1000, 333, 8192};
-    std::vector<uint8_t> buffer(size_t(8192) * format.mBytesPerFrame);
-    size_t call = 0;
-    for (int idle = 0; idle < 10000;) {
-        const uint32_t want = sizes[call++ % std::size(sizes)];
-        auto list = AudioBufferList::single(buffer.data(), uint32_t(buffer.size()),
-                                            format.mChannelsPerFrame);
-        const uint32_t n = decoder.readAudio(&list, want);
-        if (n == 0) {
-            if (decoder.isEndOfFile())
-                break;
-            ++idle;
-            continue;
-        }
-        EXPECT_LE(n, want);
-        d.pcm.insert(d.pcm.end(), buffer.begin(), buffer.begin() + n * format.mBytesPerFrame);
-        d.frames += n;
-    }
-    return d;
-}
-
 std::unique_ptr<KDDecoder> openCoreAudio(const std::string& path) {
     auto decoder = KDDecoder::decoderWithFilename(path);
     if (decoder) {
         EXPECT_STREQ(decoder->className(), "CoreAudioDecoder") << path;
     }
     return decoder;
-}
-
-// The samples as the decoder must deliver them: signed little-endian.
-std::vector<uint8_t> expectedPCM(const std::vector<int32_t>& samples, uint32_t bits) {
-    return packLittleEndian(samples, bits);
-}
-
-void run(const std::string& command) { ASSERT_EQ(runCommand(command).exitCode, 0) << command; }
-
-// ffmpeg's own 16-bit decoding of the first audio stream.
-std::vector<uint8_t> ffmpegS16(const std::string& path) {
-    const auto r = runCommand("ffmpeg -v error -i " + shellQuote(path) + " -map 0:a:0 -f s16le -");
-    EXPECT_EQ(r.exitCode, 0);
-    return std::vector<uint8_t>(r.output.begin(), r.output.end());
 }
 
 } // namespace
@@ -105,9 +60,9 @@ TEST(CoreAudioDecoderTest, WaveIntegerSamplesComeOutBitExactAtTheirOwnDepth) {
         EXPECT_EQ(decoder->totalFrames(), int64_t(frames));
         EXPECT_TRUE(decoder->totalFramesIsExact());
 
-        const Decoded d = decodeAll(*decoder);
+        const Decoded d = decodeAll(*decoder, {4096, 1000, 333, 8192});
         EXPECT_EQ(d.frames, frames);
-        EXPECT_EQ(md5Hex(d.pcm), md5Hex(expectedPCM(signal, c.bits)));
+        EXPECT_EQ(md5Hex(d.pcm), md5Hex(packLittleEndian(signal, c.bits)));
         EXPECT_EQ(decoder->currentFrame(), int64_t(frames));
     }
 }
@@ -138,9 +93,9 @@ TEST(CoreAudioDecoderTest, AppleLosslessDecodesToItsSourceSamples) {
         EXPECT_FALSE(decoder->totalFramesIsExact());
         EXPECT_EQ(decoder->channelLayout()->mChannelLayoutTag, kAudioChannelLayoutTag_Stereo);
 
-        const Decoded d = decodeAll(*decoder);
+        const Decoded d = decodeAll(*decoder, {4096, 1000, 333, 8192});
         EXPECT_EQ(d.frames, frames);
-        EXPECT_EQ(md5Hex(d.pcm), md5Hex(expectedPCM(signal, bits)));
+        EXPECT_EQ(md5Hex(d.pcm), md5Hex(packLittleEndian(signal, bits)));
     }
 }
 
@@ -178,8 +133,8 @@ TEST(CoreAudioDecoderTest, LossyFormatsDecodeTo16BitsLikeFfmpeg) {
         EXPECT_EQ(decoder->channelLayout()->mChannelLayoutTag, kAudioChannelLayoutTag_Stereo);
         EXPECT_NEAR(double(decoder->totalFrames()), double(frames), 2048.0);
 
-        const Decoded d = decodeAll(*decoder);
-        std::vector<uint8_t> reference = ffmpegS16(path);
+        const Decoded d = decodeAll(*decoder, {4096, 1000, 333, 8192});
+        std::vector<uint8_t> reference = ffmpegRaw(path, "s16le");
         if (c.formatID == kAudioFormatMPEG4AAC) {
             // The edit list's length, without the encoder's padding that
             // ffmpeg itself still writes out.
@@ -226,7 +181,7 @@ TEST(CoreAudioDecoderTest, CutAndCorruptedFilesNeverCrashOrHang) {
             const std::string path = dir.file(std::string("bad_") + name);
             writeFile(path, damaged);
             if (auto decoder = KDDecoder::decoderWithFilename(path)) {
-                const Decoded d = decodeAll(*decoder);
+                const Decoded d = decodeAll(*decoder, {4096, 1000, 333, 8192});
                 EXPECT_LE(d.frames, frames + 4096u);
                 EXPECT_TRUE(decoder->isEndOfFile());
             }

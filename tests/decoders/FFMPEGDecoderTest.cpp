@@ -9,7 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include "core/KDDecoder.h"
+#include "decoders/DecoderTestSupport.h"
 #include "decoders/FFMPEGDecoder.h"
 #include "platform/ErrorLog.h"
 #include "support/TestSupport.h"
@@ -19,47 +19,11 @@ using namespace velvox::test;
 
 namespace {
 
-struct Decoded {
-    std::vector<uint8_t> pcm;
-    uint64_t frames = 0;
-};
-
-// One packet per fill: packets of other streams leave the buffer empty
-// without ending the stream, so only the end-of-file flag stops the loop.
-Decoded decodeAll(KDDecoder& decoder, uint32_t framesPerRead = 4096) {
-    Decoded d;
-    const auto format = decoder.decodeFormat();
-    std::vector<uint8_t> buffer(size_t(framesPerRead) * format.mBytesPerFrame);
-    for (int idle = 0; idle < 100000;) {
-        auto list = AudioBufferList::single(buffer.data(), uint32_t(buffer.size()),
-                                            format.mChannelsPerFrame);
-        const uint32_t n = decoder.readAudio(&list, framesPerRead);
-        if (n == 0) {
-            if (decoder.isEndOfFile())
-                break;
-            ++idle;
-            continue;
-        }
-        d.pcm.insert(d.pcm.end(), buffer.begin(), buffer.begin() + n * format.mBytesPerFrame);
-        d.frames += n;
-    }
-    return d;
-}
-
 std::unique_ptr<KDDecoder> openFFmpeg(const std::string& path) {
     auto decoder = std::make_unique<FFMPEGDecoder>();
     if (!decoder->initWithFilename(path))
         return nullptr;
     return decoder;
-}
-
-void run(const std::string& command) { ASSERT_EQ(runCommand(command).exitCode, 0) << command; }
-
-std::vector<uint8_t> ffmpegRaw(const std::string& path, const std::string& format) {
-    const auto r =
-        runCommand("ffmpeg -v error -i " + shellQuote(path) + " -map 0:a:0 -f " + format + " -");
-    EXPECT_EQ(r.exitCode, 0);
-    return std::vector<uint8_t>(r.output.begin(), r.output.end());
 }
 
 } // namespace
@@ -98,7 +62,7 @@ TEST(FFMPEGDecoderTest, SampleFormatsBecome16BitOrStayUnsigned8Bit) {
         EXPECT_EQ(f.mFormatFlags, 0xCu);
         EXPECT_EQ(decoder->channelLayout()->mChannelLayoutTag, c.tag);
 
-        const Decoded d = decodeAll(*decoder);
+        const Decoded d = decodeAll(*decoder, {4096});
         EXPECT_NEAR(double(d.frames), double(frames), 2048.0);
         // 8-bit data stay unsigned, as FFmpeg delivers them.
         EXPECT_EQ(md5Hex(d.pcm), md5Hex(ffmpegRaw(path, c.bits == 8 ? "u8" : "s16le")));
@@ -128,7 +92,7 @@ TEST(FFMPEGDecoderTest, FilesWithoutUsableAudioFailWithTheirMessage) {
     writeFile(dir.file("cut.mov"), bytes);
     auto decoder = openFFmpeg(dir.file("cut.mov"));
     ASSERT_TRUE(decoder);
-    const Decoded d = decodeAll(*decoder);
+    const Decoded d = decodeAll(*decoder, {4096});
     EXPECT_GT(d.frames, 0u);
     EXPECT_LT(d.frames, 20000u);
     EXPECT_TRUE(decoder->isEndOfFile());
@@ -148,7 +112,7 @@ TEST(FFMPEGDecoderTest, OnlyTheFirstAudioStreamOfAVideoIsDecoded) {
         " -map 0:v -map 1:a -map 2:a -c:v mpeg4 -c:a pcm_s16le " + shellQuote(movie));
     auto decoder = openFFmpeg(movie);
     ASSERT_TRUE(decoder);
-    const Decoded d = decodeAll(*decoder);
+    const Decoded d = decodeAll(*decoder, {4096});
     EXPECT_EQ(d.frames, frames);
     EXPECT_TRUE(d.pcm == packLittleEndian(first, 16));
 }

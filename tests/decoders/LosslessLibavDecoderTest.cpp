@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "decoders/LibraryDecoderTestSupport.h"
+#include "decoders/DecoderTestSupport.h"
 
 using namespace velvox;
 using namespace velvox::test;
@@ -63,11 +63,11 @@ TEST(MonkeysAudioDecoderTest, MatchesSourceJmacAndFFmpeg) {
         writeWav(dir.file("any.wav"), samples, c.channels, 44100, c.bits);
         // jmac reads only the plain PCM header, and reports a refusal with
         // success: start clean and look for its output.
-        mustRun("sox " + shellQuote(dir.file("any.wav")) + " -t wavpcm " + shellQuote(wav));
+        run("sox " + shellQuote(dir.file("any.wav")) + " -t wavpcm " + shellQuote(wav));
         std::filesystem::remove(ape);
         // Every compression level but the slowest, in turn.
-        mustRun("jmac c" + std::to_string(level) + " " + shellQuote(wav) + " " + shellQuote(ape) +
-                " >/dev/null 2>&1");
+        run("jmac c" + std::to_string(level) + " " + shellQuote(wav) + " " + shellQuote(ape) +
+            " >/dev/null 2>&1");
         ASSERT_TRUE(std::filesystem::exists(ape));
         level = level % 4 + 1;
 
@@ -80,8 +80,8 @@ TEST(MonkeysAudioDecoderTest, MatchesSourceJmacAndFFmpeg) {
         EXPECT_TRUE(d.pcm == outputOf("ffmpeg -v error -i " + shellQuote(ape) + " -f " +
                                       ffmpegFormat(c.bits) + " -"))
             << "differs from ffmpeg";
-        mustRun("jmac d " + shellQuote(ape) + " " + shellQuote(dir.file("back.wav")) +
-                " >/dev/null 2>&1");
+        run("jmac d " + shellQuote(ape) + " " + shellQuote(dir.file("back.wav")) +
+            " >/dev/null 2>&1");
         auto jmacPCM = wavData(dir.file("back.wav"));
         EXPECT_TRUE(d.pcm == (c.bits == 8 ? flipSign8(jmacPCM) : jmacPCM)) << "differs from jmac";
     }
@@ -100,11 +100,11 @@ TEST(TrueAudioDecoderTest, MatchesSourceAndFFmpeg) {
         const std::string wav = dir.file("in.wav"), tta = dir.file("out.tta");
         const auto samples = makeSignal(frames, c.channels, c.bits, c.bits + 7 * c.channels);
         writeWav(wav, samples, c.channels, 44100, c.bits, c.channels == 6 ? 0x3F : 0);
-        mustRun("ffmpeg -v error -y -i " + shellQuote(wav) + " -c:a tta " + shellQuote(tta));
+        run("ffmpeg -v error -y -i " + shellQuote(wav) + " -c:a tta " + shellQuote(tta));
 
         auto decoder = openChecked(tta, "TrueAudioDecoder", c, frames);
         ASSERT_NE(decoder, nullptr);
-        const Decoded d = decodeAll(*decoder, 777);
+        const Decoded d = decodeAll(*decoder, {777});
         EXPECT_EQ(d.frames, frames);
         EXPECT_TRUE(d.pcm == packLittleEndian(samples, c.bits)) << "differs from the source";
         EXPECT_TRUE(d.pcm == outputOf("ffmpeg -v error -i " + shellQuote(tta) + " -f " +
@@ -117,7 +117,7 @@ TEST(TrueAudioDecoderTest, OtherContentUnderTheExtensionIsRefused) {
     TempDir dir;
     // A FLAC file named .tta: FFmpeg would happily decode it, but it is not
     // what the name promises, so the True Audio decoder turns it down.
-    mustRun("sox -n -r 44100 -b 16 -c 2 " + shellQuote(dir.file("a.flac")) + " synth 0.5 sine 440");
+    run("sox -n -r 44100 -b 16 -c 2 " + shellQuote(dir.file("a.flac")) + " synth 0.5 sine 440");
     std::filesystem::rename(dir.file("a.flac"), dir.file("a.tta"));
     EXPECT_EQ(KDDecoder::decoderWithFilename(dir.file("a.tta")), nullptr);
 }

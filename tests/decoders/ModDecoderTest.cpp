@@ -10,7 +10,7 @@
 #include <gtest/gtest.h>
 #include <libmodplug/modplug.h>
 
-#include "decoders/LibraryDecoderTestSupport.h"
+#include "decoders/DecoderTestSupport.h"
 
 using namespace velvox;
 using namespace velvox::test;
@@ -79,7 +79,7 @@ double rms(const std::vector<uint8_t>& pcm, int channel, size_t from, size_t to)
 Decoded decodeFile(const std::string& path) {
     auto decoder = KDDecoder::decoderWithFilename(path);
     EXPECT_NE(decoder, nullptr);
-    return decoder ? decodeAll(*decoder, 4096) : Decoded{};
+    return decoder ? decodeAll(*decoder, {4096}) : Decoded{};
 }
 
 } // namespace
@@ -110,7 +110,7 @@ TEST(ModDecoderTest, RendersTheWrittenNotesAsStereo16Bit) {
 
     // libmodplug's own length is an estimate (it counts whole mixing chunks);
     // what it renders is the written length and the last row's fade.
-    const Decoded d = decodeAll(*decoder, 4096);
+    const Decoded d = decodeAll(*decoder, {4096});
     EXPECT_NEAR(double(d.frames), 7.68 * 44100, 0.15 * 44100);
     EXPECT_NEAR(double(d.frames), double(decoder->totalFrames()), 0.05 * double(d.frames));
 

@@ -11,8 +11,8 @@
 #include <ogg/ogg.h>
 
 #include "core/KDDecoder.h"
+#include "decoders/DecoderTestSupport.h"
 #include "decoders/NoiseShapedDither.h"
-#include "decoders/OggTestSupport.h"
 
 using namespace velvox;
 using namespace velvox::test;

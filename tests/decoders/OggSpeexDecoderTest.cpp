@@ -7,7 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "core/KDDecoder.h"
-#include "decoders/OggTestSupport.h"
+#include "decoders/DecoderTestSupport.h"
 
 using namespace velvox;
 using namespace velvox::test;

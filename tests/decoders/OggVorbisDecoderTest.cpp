@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "core/KDDecoder.h"
-#include "decoders/OggTestSupport.h"
+#include "decoders/DecoderTestSupport.h"
 #include "platform/ErrorLog.h"
 #include "platform/Exception.h"
 
@@ -90,26 +90,4 @@ TEST(OggVorbisDecoder, ChainedFileTakesTheFormatOfItsFirstLink) {
     ASSERT_TRUE(decoder);
     EXPECT_EQ(decoder->decodeFormat().mChannelsPerFrame, 1u);
     EXPECT_EQ(decoder->totalFrames(), 44100);
-}
-
-TEST(OggVorbisDecoder, ADamagedPageIsLoggedWithTheFileNameAndSkipped) {
-    TempDir dir;
-    const std::string path = makeVorbis(dir, "in.ogg", 44100, 2, 6.0);
-    const auto clean = oggdecPCM(dir, path);
-    auto bytes = readFile(path);
-    for (size_t i = bytes.size() / 2; i < bytes.size() / 2 + 64; ++i)
-        bytes[i] ^= 0x5A;
-    const std::string damaged = dir.file("damaged.ogg");
-    writeFile(damaged, bytes);
-
-    auto& log = ErrorLog::sharedController();
-    const size_t mark = log.count();
-    auto decoder = KDDecoder::decoderWithFilename(damaged);
-    ASSERT_TRUE(decoder);
-    const auto pcm = decodeAll16(*decoder);
-    ASSERT_EQ(log.count(), mark + 1);
-    EXPECT_NE(log.messages().back().find(damaged), std::string::npos) << log.messages().back();
-    // One lost page: most of the audio is still there.
-    EXPECT_GT(pcm.size(), clean.size() * 8 / 10);
-    EXPECT_LT(pcm.size(), clean.size());
 }

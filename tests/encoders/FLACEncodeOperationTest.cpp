@@ -4,22 +4,13 @@
 #include <algorithm>
 #include <cctype>
 #include <cmath>
-#include <cstdlib>
 #include <filesystem>
-#include <functional>
 #include <map>
-#include <optional>
-#include <sstream>
 
-#include <FLAC/format.h>
 #include <gtest/gtest.h>
 
-#include "Version.h"
 #include "encoders/EncoderTestHarness.h"
 #include "encoders/FLACEncodeOperation.h"
-#include "metadata/AlbumArtwork.h"
-#include "platform/StringFormat.h"
-#include "support/TestSupport.h"
 
 using namespace velvox;
 namespace fs = std::filesystem;
@@ -39,69 +30,13 @@ std::vector<std::string> valuesAfter(const std::string& text, const std::string&
     return values;
 }
 
-std::vector<int32_t> samplesFrom(const std::vector<uint8_t>& bytes, uint32_t bits) {
-    const size_t width = bits / 8;
-    std::vector<int32_t> samples(bytes.size() / width);
-    for (size_t i = 0; i < samples.size(); ++i) {
-        uint32_t u = 0;
-        for (size_t b = 0; b < width; ++b)
-            u |= uint32_t(bytes[i * width + b]) << (8 * b);
-        const int shift = int(32 - bits);
-        samples[i] = int32_t(u << shift) >> shift;
-    }
-    return samples;
-}
-
-// Counts the chunks it encodes and can cancel itself at one of them.
-class CountingFLACEncodeOperation : public FLACEncodeOperation {
-public:
-    void encodeChunk(const AudioBufferList& list, uint32_t frames) override {
-        FLACEncodeOperation::encodeChunk(list, frames);
-        if (++chunks == cancelAtChunk)
-            cancel();
-    }
-    int chunks = 0;
-    int cancelAtChunk = -1;
-};
-
-class FLACEncodeOperationTest : public ::testing::Test {
+class FLACEncodeOperationTest : public test::EncoderTest<FLACEncodeOperation> {
 protected:
     void SetUp() override {
-        for (const char* tool : {"flac", "metaflac", "sox"})
-            if (!test::haveTool(tool))
-                FAIL() << tool << " is not installed"
-                       << " (scripts/setup.sh installs it)";
-        prefs.set("outputSameAsSource", false);
-        prefs.set("destinationDirectory", dir.file("out"));
-        prefs.set("writeMetadata", true);
-        prefs.set("writeEncodedByMetadataTag", true);
-        prefs.set("writeFormatStringToComments", false);
-        prefs.set("saveAlbumArtworkToFile", false);
-        prefs.set("overwriteOutputFiles", false);
-        settings = std::make_shared<EncoderSettings>();
+        EncoderTestBase::SetUp();
         settings->setEncoderType(EncoderTypeFLAC);
         settings->setExtension("flac");
         settings->setFlacCompressionLevel(5);
-    }
-
-    // Encodes `in` and returns the operation once it has finished. Without
-    // a record the tags are read from the source.
-    template <typename Operation = FLACEncodeOperation>
-    std::unique_ptr<Operation>
-    encode(const std::string& in,
-           std::shared_ptr<AudioMetadata> metadata = std::make_shared<AudioMetadata>()) {
-        auto op = std::make_unique<Operation>();
-        op->initWithFilePath(in, in);
-        op->setSettings(settings);
-        op->setDelegate(&batch);
-        if (metadata)
-            op->setMetadata(std::move(metadata));
-        test::runToEnd(*op);
-        return op;
-    }
-
-    std::string outPathFor(const std::string& stem) const {
-        return dir.file("out/" + stem + ".flac");
     }
 
     // The file's PCM as flac itself decodes it: little-endian signed samples.
@@ -129,11 +64,6 @@ protected:
             points.push_back(std::stoull(value));
         return points;
     }
-
-    test::TempDir dir;
-    test::Preferences prefs;
-    test::Batch batch;
-    std::shared_ptr<EncoderSettings> settings;
 };
 
 } // namespace
@@ -222,50 +152,26 @@ TEST_F(FLACEncodeOperationTest, SampleRateSettingResamples) {
 }
 
 TEST_F(FLACEncodeOperationTest, BitDepthSettingWidensExactlyAndNarrowsByRounding) {
-    {
-        SCOPED_TRACE("16 to 24");
-        const auto signal = test::makeSignal(30000, 2, 16);
-        const std::string in = dir.file("widen.wav");
-        test::writeWav(in, signal, 2, 44100, 16);
-        settings->setBitDepth(24);
+    struct Case {
+        uint32_t from, to;
+    } cases[] = {{16, 24}, {16, 32}, {24, 16}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::to_string(c.from) + " to " + std::to_string(c.to));
+        const auto signal = test::makeSignal(30000, 2, c.from, c.to);
+        const std::string in = wav("depth" + std::to_string(c.to), signal, 2, 44100, c.from);
+        settings->setBitDepth(c.to);
         auto op = encode(in);
         ASSERT_TRUE(op->success());
-        EXPECT_EQ(metaflacNumber("--show-bps", *op->outFilePath()), 24);
-        std::vector<int32_t> widened(signal);
-        for (int32_t& s : widened)
-            s *= 256;
-        EXPECT_TRUE(
-            test::sameBytes(decoded(*op->outFilePath()), test::packLittleEndian(widened, 24)));
-    }
-    {
-        SCOPED_TRACE("16 to 32");
-        const auto signal = test::makeSignal(30000, 2, 16, 7);
-        const std::string in = dir.file("widest.wav");
-        test::writeWav(in, signal, 2, 44100, 16);
-        settings->setBitDepth(32);
-        auto op = encode(in);
-        ASSERT_TRUE(op->success());
-        EXPECT_EQ(metaflacNumber("--show-bps", *op->outFilePath()), 32);
-        std::vector<int32_t> widened(signal);
-        for (int32_t& s : widened)
-            s = int32_t(uint32_t(s) << 16);
-        EXPECT_TRUE(
-            test::sameBytes(decoded(*op->outFilePath()), test::packLittleEndian(widened, 32)));
-    }
-    {
-        SCOPED_TRACE("24 to 16");
-        const auto signal = test::makeSignal(30000, 2, 24);
-        const std::string in = dir.file("narrow.wav");
-        test::writeWav(in, signal, 2, 44100, 24);
-        settings->setBitDepth(16);
-        auto op = encode(in);
-        ASSERT_TRUE(op->success());
-        EXPECT_EQ(metaflacNumber("--show-bps", *op->outFilePath()), 16);
-        std::vector<int32_t> narrowed(signal.size());
+        EXPECT_EQ(metaflacNumber("--show-bps", *op->outFilePath()), c.to);
+        // Widening shifts left exactly; narrowing rounds to the nearest step.
+        std::vector<int32_t> expected(signal.size());
         for (size_t i = 0; i < signal.size(); ++i)
-            narrowed[i] = int32_t(std::clamp(std::nearbyint(signal[i] / 256.0), -32768.0, 32767.0));
+            expected[i] =
+                c.to > c.from
+                    ? int32_t(uint32_t(signal[i]) << (c.to - c.from))
+                    : int32_t(std::clamp(std::nearbyint(signal[i] / 256.0), -32768.0, 32767.0));
         EXPECT_TRUE(
-            test::sameBytes(decoded(*op->outFilePath()), test::packLittleEndian(narrowed, 16)));
+            test::sameBytes(decoded(*op->outFilePath()), test::packLittleEndian(expected, c.to)));
     }
 }
 
@@ -279,7 +185,7 @@ TEST_F(FLACEncodeOperationTest, ChannelModeFoldsStereoToMonoAndCopiesMonoToStere
         auto op = encode(in);
         ASSERT_TRUE(op->success());
         EXPECT_EQ(metaflacNumber("--show-channels", *op->outFilePath()), 1);
-        const auto mono = samplesFrom(decoded(*op->outFilePath()), 16);
+        const auto mono = test::samplesFrom(decoded(*op->outFilePath()), 16);
         ASSERT_EQ(mono.size(), 20000u);
         for (size_t f = 0; f < mono.size(); f += 101) {
             const double expected = 0.70710677 * (signal[2 * f] + signal[2 * f + 1]);

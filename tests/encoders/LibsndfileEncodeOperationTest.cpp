@@ -1,24 +1,24 @@
 // The Sound Designer II encoder end to end: the file and its "._" companion
 // read back by libsndfile's own tools, the subtype chosen by bitDepth, the
-// tags the container cannot hold named in the error log, cancellation and
-// bad input leaving nothing behind.
+// tags the container cannot hold named in the error log.
 
 #include <filesystem>
 
 #include <gtest/gtest.h>
 
+#include "encoders/EncoderTestHarness.h"
 #include "encoders/LibsndfileEncodeOperation.h"
-#include "encoders/LosslessEncoderTestSupport.h"
+#include "metadata/MetadataFixtures.h"
 
 using namespace velvox;
 namespace fs = std::filesystem;
 
 namespace {
 
-class LibsndfileEncodeOperationTest : public test::LosslessEncoderTest {
+class LibsndfileEncodeOperationTest : public test::EncoderTest<LibsndfileEncodeOperation> {
 protected:
     void SetUp() override {
-        LosslessEncoderTest::SetUp();
+        EncoderTestBase::SetUp();
         settings->setEncoderType(EncoderTypeSndFile);
         settings->setExtension("sd2");
     }
@@ -62,16 +62,6 @@ protected:
     }
 };
 
-class CancellingLibsndfileEncodeOperation : public LibsndfileEncodeOperation {
-public:
-    void encodeChunk(const AudioBufferList& list, uint32_t frames) override {
-        LibsndfileEncodeOperation::encodeChunk(list, frames);
-        if (++chunks == 3)
-            cancel();
-    }
-    int chunks = 0;
-};
-
 std::vector<int32_t> shiftedRight(std::vector<int32_t> samples, int shift) {
     for (int32_t& s : samples)
         s >>= shift;
@@ -89,7 +79,7 @@ TEST_F(LibsndfileEncodeOperationTest, BitDepthChoosesTheSubtypeWithThirtyTwoCapp
     for (const Case& c : cases) {
         SCOPED_TRACE(c.bitDepth);
         settings->setBitDepth(c.bitDepth);
-        auto op = encode<LibsndfileEncodeOperation>(in);
+        auto op = encode(in);
         ASSERT_TRUE(op->success());
         uint32_t bits = 0;
         const auto pcm = decoded(*op->outFilePath(), bits);
@@ -106,7 +96,7 @@ TEST_F(LibsndfileEncodeOperationTest, TagsTheContainerCannotHoldAreNamedAndTheAu
     const std::string in = makeSource({"tagged", 2, 16, 44100, 0}, samples);
     settings->setBitDepth(16);
     test::LogWatch log;
-    auto op = encode<LibsndfileEncodeOperation>(in, test::taggedRecord("A Title"));
+    auto op = encode(in, test::taggedRecord("A Title"));
     ASSERT_TRUE(op->success());
     EXPECT_TRUE(log.contains("Libsndfile Encode Operation Could Not Write These Tags To "
                              "tagged.wav: title, artist, album, composer, genre, year, track "
@@ -119,8 +109,7 @@ TEST_F(LibsndfileEncodeOperationTest, TagsTheContainerCannotHoldAreNamedAndTheAu
     // Nothing to carry, nothing to say.
     prefs.set("writeEncodedByMetadataTag", false);
     test::LogWatch quiet;
-    auto untagged = encode<LibsndfileEncodeOperation>(in);
+    auto untagged = encode(in);
     ASSERT_TRUE(untagged->success());
     EXPECT_TRUE(quiet.lines().empty()) << testing::PrintToString(quiet.lines());
 }
-

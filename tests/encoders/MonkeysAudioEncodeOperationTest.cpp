@@ -1,9 +1,7 @@
 // The Monkey's Audio encoder end to end: real sources in through the shared
 // encode loop, APE files out, decoded by FFmpeg, tags read by mutagen.
 
-#include <cstdlib>
 #include <filesystem>
-#include <optional>
 
 #include <gtest/gtest.h>
 
@@ -11,57 +9,19 @@
 #include "encoders/EncoderTestHarness.h"
 #include "encoders/MonkeysAudioEncodeOperation.h"
 #include "metadata/AlbumArtwork.h"
-#include "support/TestSupport.h"
 
 using namespace velvox;
 namespace fs = std::filesystem;
 
 namespace {
 
-const std::string kPython = "/usr/bin/python3";
-
-using test::PrivateTemporaryFolder;
-
-class CancellingMonkeysAudioEncodeOperation : public MonkeysAudioEncodeOperation {
-public:
-    void encodeChunk(const AudioBufferList& list, uint32_t frames) override {
-        MonkeysAudioEncodeOperation::encodeChunk(list, frames);
-        if (++chunks == 3)
-            cancel();
-    }
-    int chunks = 0;
-};
-
-class MonkeysAudioEncodeOperationTest : public ::testing::Test {
+class MonkeysAudioEncodeOperationTest : public test::EncoderTest<MonkeysAudioEncodeOperation> {
 protected:
     void SetUp() override {
-        for (const char* tool : {"ffmpeg", "flac", "sox"})
-            ASSERT_TRUE(test::haveTool(tool)) << tool << " is not installed";
-        prefs.set("outputSameAsSource", false);
-        prefs.set("destinationDirectory", dir.file("out"));
-        prefs.set("writeMetadata", true);
-        prefs.set("writeEncodedByMetadataTag", true);
-        prefs.set("writeFormatStringToComments", false);
-        prefs.set("saveAlbumArtworkToFile", false);
-        prefs.set("overwriteOutputFiles", false);
-        settings = std::make_shared<EncoderSettings>();
+        EncoderTestBase::SetUp();
         settings->setEncoderType(EncoderTypeMonkeysAudio);
         settings->setExtension("ape");
         settings->setMacCompressionLevel(2000);
-    }
-
-    template <typename Operation = MonkeysAudioEncodeOperation>
-    std::unique_ptr<Operation>
-    run(const std::string& in,
-        std::shared_ptr<AudioMetadata> metadata = std::make_shared<AudioMetadata>()) {
-        auto op = std::make_unique<Operation>();
-        op->initWithFilePath(in, in);
-        op->setSettings(settings);
-        op->setDelegate(&batch);
-        if (metadata)
-            op->setMetadata(std::move(metadata));
-        test::runToEnd(*op);
-        return op;
     }
 
     std::vector<uint8_t> decoded(const std::string& ape, uint32_t bits) {
@@ -73,15 +33,6 @@ protected:
                   0);
         return test::readFile(raw);
     }
-
-    bool outputFolderIsEmpty() const {
-        return !fs::exists(dir.file("out")) || fs::is_empty(dir.file("out"));
-    }
-
-    test::TempDir dir;
-    test::Preferences prefs;
-    test::Batch batch;
-    std::shared_ptr<EncoderSettings> settings;
 };
 
 } // namespace
@@ -105,21 +56,19 @@ TEST_F(MonkeysAudioEncodeOperationTest, TagsAndPictureArriveAsAPEv2AndRetaggingK
     art->setOriginalFilename(std::string("cover.png"));
     record->setAlbumArtwork(art);
 
-    auto op = run(in, record);
+    auto op = encode(in, record);
     ASSERT_TRUE(op->success());
     const std::string out = *op->outFilePath();
     const std::vector<uint8_t> pcm = decoded(out, 16);
     EXPECT_TRUE(test::sameBytes(pcm, test::packLittleEndian(signal, 16)));
 
     auto readTags = [&](const std::string& path) {
-        return test::runCommand(
-                   kPython +
-                   " -c 'import sys; from mutagen.apev2 import APEv2; t = APEv2(sys.argv[1]); "
-                   "print(\"|\".join(str(t[k]) for k in (\"Title\", \"Artist\", \"Track\", "
-                   "\"Year\", \"EncodedBy\"))); c = t[\"Cover Art (front)\"].value; "
-                   "print(c.split(b\"\\0\")[0].decode(), len(c))' " +
-                   test::shellQuote(path))
-            .output;
+        return test::mutagen(
+            "import sys; from mutagen.apev2 import APEv2; t = APEv2(sys.argv[1]); "
+            "print('|'.join(str(t[k]) for k in ('Title', 'Artist', 'Track', 'Year', "
+            "'EncodedBy'))); c = t['Cover Art (front)'].value; "
+            "print(c.split(b'\\0')[0].decode(), len(c))",
+            path);
     };
     const std::string encodedBy = std::string("MAC ") +
                                   MonkeysAudioEncodeOperation::compressorVersion() +
@@ -129,11 +78,9 @@ TEST_F(MonkeysAudioEncodeOperationTest, TagsAndPictureArriveAsAPEv2AndRetaggingK
 
     // Re-tagging the finished file in place: new text, same audio.
     record->setTrackTitle("A much longer title than the one before, so the tag grows");
-    settings->setEncoderAction(EncoderActionUpdateMetadata);
-    auto update = run(out, record);
+    auto update = retag(out, record);
     ASSERT_TRUE(update->success());
     EXPECT_EQ(readTags(out).substr(0, 58),
               "A much longer title than the one before, so the tag grows|");
     EXPECT_TRUE(test::sameBytes(decoded(out, 16), pcm));
 }
-

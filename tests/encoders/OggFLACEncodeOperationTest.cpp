@@ -1,18 +1,16 @@
-// The Ogg FLAC encoder end to end: sources of every sample size and layout
-// decoded back by the reference flac tool, the header packets and serial
-// number read straight from the Ogg pages, the tags and picture read by
-// mutagen and ffprobe.
+// The Ogg FLAC encoder end to end: the header packets and serial number read
+// straight from the Ogg pages, the tags and picture read by mutagen, the
+// audio decoded back by the reference flac tool.
 
 #include <ctime>
 #include <filesystem>
-#include <future>
-#include <thread>
 
 #include <FLAC/format.h>
 #include <gtest/gtest.h>
 
-#include "encoders/LosslessEncoderTestSupport.h"
+#include "encoders/EncoderTestHarness.h"
 #include "encoders/OggFLACEncodeOperation.h"
+#include "metadata/MetadataFixtures.h"
 
 using namespace velvox;
 namespace fs = std::filesystem;
@@ -74,10 +72,10 @@ for p in pictures:
 print('channels=%d' % f.info.channels)
 )";
 
-class OggFLACEncodeOperationTest : public test::LosslessEncoderTest {
+class OggFLACEncodeOperationTest : public test::EncoderTest<OggFLACEncodeOperation> {
 protected:
     void SetUp() override {
-        LosslessEncoderTest::SetUp();
+        EncoderTestBase::SetUp();
         settings->setEncoderType(EncoderTypeOggFLAC);
         settings->setExtension("oga");
         settings->setFlacCompressionLevel(5);
@@ -95,24 +93,13 @@ protected:
     }
 };
 
-// Counts the chunks it encodes and cancels itself at one of them.
-class CancellingOggFLACEncodeOperation : public OggFLACEncodeOperation {
-public:
-    void encodeChunk(const AudioBufferList& list, uint32_t frames) override {
-        OggFLACEncodeOperation::encodeChunk(list, frames);
-        if (++chunks == 3)
-            cancel();
-    }
-    int chunks = 0;
-};
-
 } // namespace
 
 TEST_F(OggFLACEncodeOperationTest, LongFileHasPaddingAndNoSeekTable) {
     prefs.set("writeMetadata", false);
     const std::string in = dir.file("long.wav");
     test::writeWav(in, test::makeSignal(44100 * 25, 1, 16), 1, 44100, 16);
-    auto op = encode<OggFLACEncodeOperation>(in);
+    auto op = encode(in);
     ASSERT_TRUE(op->success());
 
     const OggStream stream = firstStream(test::readFile(*op->outFilePath()), 8);
@@ -172,11 +159,11 @@ TEST_F(OggFLACEncodeOperationTest, EncodesStartedInTheSameSecondShareTheSerialNu
     FAIL() << "no two encodes ran within one second";
 }
 
-TEST_F(OggFLACEncodeOperationTest, TagsAndPictureReachMutagenAndFfprobeAndRetaggingKeepsTheAudio) {
+TEST_F(OggFLACEncodeOperationTest, TagsAndPictureReachMutagenAndRetaggingKeepsTheAudio) {
     std::vector<int32_t> samples;
     const std::string in = makeSource({"tagged", 2, 16, 44100, 0}, samples);
     auto record = test::taggedRecord("First Title");
-    auto op = encode<OggFLACEncodeOperation>(in, record);
+    auto op = encode(in, record);
     ASSERT_TRUE(op->success());
     const std::string out = *op->outFilePath();
 
@@ -195,25 +182,14 @@ TEST_F(OggFLACEncodeOperationTest, TagsAndPictureReachMutagenAndFfprobeAndRetagg
     EXPECT_EQ(facts["pictures"], "1");
     EXPECT_EQ(facts["picture"], "3 image/png " + test::md5Hex(test::pngBytes(9, 7)));
 
-    const auto probe = test::runCommand(
-        "ffprobe -v error -show_entries stream_tags=title:stream=codec_name,codec_type "
-        "-of default=noprint_wrappers=1 " +
-        test::shellQuote(out));
-    EXPECT_EQ(probe.exitCode, 0);
-    EXPECT_NE(probe.output.find("codec_name=flac"), std::string::npos) << probe.output;
-    EXPECT_NE(probe.output.find("TAG:TITLE=First Title"), std::string::npos) << probe.output;
-    // ffprobe shows the picture block as an attached-picture video stream.
-    EXPECT_NE(probe.output.find("codec_name=png"), std::string::npos) << probe.output;
-
     const auto before = decoded(out);
     EXPECT_TRUE(test::sameBytes(before, test::packLittleEndian(samples, 16)));
     auto second = test::taggedRecord("Second Title");
     second->setAlbumArtwork(nullptr);
-    auto update = retag<OggFLACEncodeOperation>(out, second);
+    auto update = retag(out, second);
     ASSERT_TRUE(update->success());
     facts = test::mutagenFacts(kMutagenOggFLAC, out);
     EXPECT_EQ(facts["title"], "Second Title");
     EXPECT_EQ(facts["pictures"], "0");
     EXPECT_TRUE(test::sameBytes(decoded(out), before));
 }
-

@@ -1,13 +1,14 @@
-// The True Audio encoder end to end: sources of every sample size and layout
-// decoded back by ffmpeg, ID3v2 read by mutagen and ID3v1 read from the
-// file's last 128 bytes, refusals, cancellation and bad input.
+// The True Audio encoder end to end: the bit-depth setting decoded back by
+// ffmpeg, its refusals, ID3v2 read by mutagen and ID3v1 read from the file's
+// last 128 bytes.
 
 #include <filesystem>
 
 #include <gtest/gtest.h>
 
-#include "encoders/LosslessEncoderTestSupport.h"
+#include "encoders/EncoderTestHarness.h"
 #include "encoders/TrueAudioEncodeOperation.h"
+#include "metadata/MetadataFixtures.h"
 
 using namespace velvox;
 namespace fs = std::filesystem;
@@ -43,10 +44,10 @@ std::pair<std::string, std::string> id3v1TitleAndArtist(const std::string& path)
     return {field(3), field(33)};
 }
 
-class TrueAudioEncodeOperationTest : public test::LosslessEncoderTest {
+class TrueAudioEncodeOperationTest : public test::EncoderTest<TrueAudioEncodeOperation> {
 protected:
     void SetUp() override {
-        LosslessEncoderTest::SetUp();
+        EncoderTestBase::SetUp();
         settings->setEncoderType(EncoderTypeTrueAudio);
         settings->setExtension("tta");
     }
@@ -66,59 +67,51 @@ protected:
     }
 };
 
-class CancellingTrueAudioEncodeOperation : public TrueAudioEncodeOperation {
-public:
-    void encodeChunk(const AudioBufferList& list, uint32_t frames) override {
-        TrueAudioEncodeOperation::encodeChunk(list, frames);
-        if (++chunks == 3)
-            cancel();
-    }
-    int chunks = 0;
-};
-
 } // namespace
 
-TEST_F(TrueAudioEncodeOperationTest, BitDepthSettingWidensAndRefusesThirtyTwoBits) {
+TEST_F(TrueAudioEncodeOperationTest, BitDepthSettingWidensAndThirtyTwoBitsAreRefused) {
     std::vector<int32_t> samples;
     const std::string in = makeSource({"widen", 2, 16, 44100, 0}, samples);
     settings->setBitDepth(24);
-    auto op = encode<TrueAudioEncodeOperation>(in);
+    auto op = encode(in);
     ASSERT_TRUE(op->success());
     std::vector<int32_t> widened(samples);
     for (int32_t& s : widened)
         s *= 256;
     EXPECT_TRUE(
         test::sameBytes(decoded(*op->outFilePath(), 24), test::packLittleEndian(widened, 24)));
+    std::filesystem::remove_all(dir.file("out"));
 
-    test::PrivateTMPDIR tmp;
-    settings->setBitDepth(32);
-    test::LogWatch log;
-    auto refused = encode<TrueAudioEncodeOperation>(in);
-    EXPECT_FALSE(refused->success());
-    EXPECT_TRUE(log.contains("TTA Encode Operation Failed To Encode File: widen.wav.  "
-                             "Error:TTA Set Info Error - Unsupported Format"))
-        << testing::PrintToString(log.lines());
-    EXPECT_TRUE(tmp.leftovers().empty()) << testing::PrintToString(tmp.leftovers());
-}
-
-TEST_F(TrueAudioEncodeOperationTest, ThirtyTwoBitSourceIsRefused) {
-    test::PrivateTMPDIR tmp;
-    const std::string in = dir.file("deep.wav");
-    test::writeWav(in, test::makeSignal(10000, 2, 32), 2, 44100, 32);
-    test::LogWatch log;
-    auto op = encode<TrueAudioEncodeOperation>(in);
-    EXPECT_FALSE(op->success());
-    EXPECT_TRUE(log.contains("TTA Encode Operation Failed To Encode File: deep.wav.  "
-                             "Error:True Audio Does Not Support 32 Bit Files."))
-        << testing::PrintToString(log.lines());
-    EXPECT_TRUE(outputFolder().empty());
-    EXPECT_TRUE(tmp.leftovers().empty()) << testing::PrintToString(tmp.leftovers());
+    // Asked for by the setting, or brought by the source: each its own words.
+    const std::string deep = dir.file("deep.wav");
+    test::writeWav(deep, test::makeSignal(10000, 2, 32), 2, 44100, 32);
+    struct Case {
+        std::string in;
+        uint32_t bitDepth;
+        const char* message;
+    } cases[] = {{in, 32,
+                  "TTA Encode Operation Failed To Encode File: widen.wav.  Error:TTA Set Info "
+                  "Error - Unsupported Format"},
+                 {deep, 0,
+                  "TTA Encode Operation Failed To Encode File: deep.wav.  Error:True Audio Does "
+                  "Not Support 32 Bit Files."}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.message);
+        test::PrivateTemporaryFolder tmp;
+        settings->setBitDepth(c.bitDepth);
+        test::LogWatch log;
+        auto refused = encode(c.in);
+        EXPECT_FALSE(refused->success());
+        EXPECT_TRUE(log.contains(c.message)) << testing::PrintToString(log.lines());
+        EXPECT_TRUE(outputFolderIsEmpty());
+        EXPECT_TRUE(tmp.isEmpty());
+    }
 }
 
 TEST_F(TrueAudioEncodeOperationTest, ID3TagsReachMutagenAndRetaggingKeepsTheAudio) {
     std::vector<int32_t> samples;
     const std::string in = makeSource({"tagged", 2, 16, 44100, 0}, samples);
-    auto op = encode<TrueAudioEncodeOperation>(in, test::taggedRecord("First Title"));
+    auto op = encode(in, test::taggedRecord("First Title"));
     ASSERT_TRUE(op->success());
     const std::string out = *op->outFilePath();
 
@@ -145,7 +138,7 @@ TEST_F(TrueAudioEncodeOperationTest, ID3TagsReachMutagenAndRetaggingKeepsTheAudi
 
     const auto before = decoded(out, 16);
     EXPECT_TRUE(test::sameBytes(before, test::packLittleEndian(samples, 16)));
-    auto update = retag<TrueAudioEncodeOperation>(out, test::taggedRecord("Second Title"));
+    auto update = retag(out, test::taggedRecord("Second Title"));
     ASSERT_TRUE(update->success());
     facts = test::mutagenFacts(kMutagenTrueAudio, out);
     EXPECT_EQ(facts["TIT2"], "Second Title");
@@ -153,4 +146,3 @@ TEST_F(TrueAudioEncodeOperationTest, ID3TagsReachMutagenAndRetaggingKeepsTheAudi
     EXPECT_EQ(id3v1TitleAndArtist(out).first, "Second Title");
     EXPECT_TRUE(test::sameBytes(decoded(out, 16), before));
 }
-

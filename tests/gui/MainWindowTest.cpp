@@ -10,6 +10,7 @@
 #include <QComboBox>
 #include <QDialogButtonBox>
 #include <QElapsedTimer>
+#include <QImage>
 #include <QLineEdit>
 #include <QListWidget>
 #include <QMessageBox>
@@ -30,6 +31,7 @@
 #include "jobs/ApplicationController.h"
 #include "jobs/EncoderDescriptor.h"
 #include "jobs/EncoderSettings.h"
+#include "jobs/FileEncodeOperation.h"
 #include "platform/UserDefaults.h"
 #include "support/TestSupport.h"
 
@@ -93,10 +95,19 @@ private slots:
     void quittingDuringABatchAsksAndLeavesNothingBehind();
     void staysResponsiveDuringALongBatch();
     void editsTheTagsOfTwoFiles();
+    void editsArtworkAndCopiesPastesRevertsTags();
+    void removesAndClearsQueuedRows();
 
 private:
     // Queues the source folder and waits for its rows.
     void queueSources(MainWindow& window, int expectedRows);
+    // x.flac and y.flac in the source folder: ARTIST Old, ALBUM "Album X" or
+    // "Album Y", TITLE x or y.
+    void makeTaggedPair();
+    // Selects the queued row of that input file name.
+    void selectOnly(MainWindow& window, const std::string& name);
+    // Saves the open editor and waits for the tags batch.
+    void saveEdits(MainWindow& window, MetadataEditorWindow* editor);
     std::unique_ptr<test::TempDir> root_;
     fs::path sources_, output_, tmp_;
 };
@@ -377,8 +388,7 @@ void MainWindowTest::staysResponsiveDuringALongBatch() {
     QCOMPARE(filesIn(output_).size(), size_t(4));
 }
 
-void MainWindowTest::editsTheTagsOfTwoFiles() {
-    // Two tagged FLAC files from different albums.
+void MainWindowTest::makeTaggedPair() {
     const std::string wav = root_->file("t.wav");
     QCOMPARE(test::runCommand("sox -n -r 44100 -b 16 -c 2 " + test::shellQuote(wav) +
                               " synth 2 sine 440 vol 0.5")
@@ -392,6 +402,26 @@ void MainWindowTest::editsTheTagsOfTwoFiles() {
                                   test::shellQuote(wav))
                      .exitCode,
                  0);
+}
+
+void MainWindowTest::selectOnly(MainWindow& window, const std::string& name) {
+    window.queueView()->clearSelection();
+    for (int row = 0; row < window.queueModel().rowCount(); ++row)
+        if (fs::path(window.queueModel().jobAt(row)->inFilePath()).filename() == name)
+            window.queueView()->selectRow(row);
+    QCOMPARE(window.queueView()->selectionModel()->selectedRows().size(), 1);
+}
+
+void MainWindowTest::saveEdits(MainWindow& window, MetadataEditorWindow* editor) {
+    QSignalSpy finished(&window, &MainWindow::batchFinished);
+    editor->findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Save)->click();
+    QVERIFY(finished.wait(30000));
+    QCOMPARE(window.controller().failedCount(), 0);
+}
+
+void MainWindowTest::editsTheTagsOfTwoFiles() {
+    // Two tagged FLAC files from different albums.
+    makeTaggedPair();
     MainWindow window;
     window.show();
     queueSources(window, 2);
@@ -402,11 +432,7 @@ void MainWindowTest::editsTheTagsOfTwoFiles() {
     QVERIFY(editor->isMixed("albumTitle") && editor->isMixed("trackTitle"));
     QTest::keyClicks(editor->fieldEditor("trackArtist"), " and New");
     QTest::keyClicks(editor->fieldEditor("trackYear"), "1999");
-    QSignalSpy finished(&window, &MainWindow::batchFinished);
-    auto* buttons = editor->findChild<QDialogButtonBox*>();
-    buttons->button(QDialogButtonBox::Save)->click();
-    QVERIFY(finished.wait(30000));
-    QCOMPARE(window.controller().failedCount(), 0);
+    saveEdits(window, editor);
 
     // Read back by an independent tag reader: the edited fields changed in
     // both files, the mixed ones kept each file's own value.
@@ -420,6 +446,97 @@ void MainWindowTest::editsTheTagsOfTwoFiles() {
         QCOMPARE(QString::fromStdString(tags.output).trimmed(),
                  QString("Old and New|%1|%2|1999").arg(album, name));
     }
+}
+
+namespace {
+
+// What an independent reader (mutagen) finds in a FLAC file: "title|album|"
+// then the first picture's MIME type and MD5, or "none".
+QString tagsAndPicture(const fs::path& file) {
+    const auto r = test::runCommand(
+        "/usr/bin/python3 -c 'import sys,hashlib,mutagen.flac as f; t=f.FLAC(sys.argv[1]); "
+        "p=t.pictures; print(t.get(\"title\",[\"\"])[0], t.get(\"album\",[\"\"])[0], "
+        "p[0].mime+\" \"+hashlib.md5(p[0].data).hexdigest() if p else \"none\", sep=\"|\")' " +
+        test::shellQuote(file.string()));
+    return r.exitCode == 0 ? QString::fromStdString(r.output).trimmed() : "(unreadable)";
+}
+
+} // namespace
+
+void MainWindowTest::editsArtworkAndCopiesPastesRevertsTags() {
+    makeTaggedPair();
+    UserDefaults::standardUserDefaults().setObject("keepFilesInQueueAfterWritingMetadata", true);
+    const QString png = QString::fromStdString(root_->file("cover.png"));
+    QImage picture(24, 16, QImage::Format_RGB32);
+    for (int y = 0; y < picture.height(); ++y)
+        for (int x = 0; x < picture.width(); ++x)
+            picture.setPixel(x, y, qRgb(x * 10, y * 15, (x ^ y) * 8));
+    QVERIFY(picture.save(png, "PNG"));
+    const QString pngMD5 = QString::fromStdString(test::md5Hex(test::readFile(png.toStdString())));
+
+    MainWindow window;
+    window.show();
+    queueSources(window, 2);
+
+    // A picture chosen for both files lands in both; a file that is no
+    // picture is refused.
+    window.queueView()->selectAll();
+    MetadataEditorWindow* editor = window.editTags();
+    QVERIFY(editor && !editor->artwork() && !editor->isArtworkMixed());
+    QVERIFY(!editor->setArtworkFromFile(QString::fromStdString(root_->file("t.wav"))));
+    QVERIFY(editor->setArtworkFromFile(png));
+    saveEdits(window, editor);
+    for (const char* name : {"x", "y"})
+        QCOMPARE(tagsAndPicture(sources_ / (std::string(name) + ".flac")),
+                 QString("%1|Album %2|image/png %3").arg(name, QString(name).toUpper(), pngMD5));
+
+    // x's fields copied; the artwork saved back out is the same picture.
+    selectOnly(window, "x.flac");
+    editor = window.editTags();
+    const QString exported = QString::fromStdString(root_->file("exported.png"));
+    QVERIFY(editor->saveArtworkTo(exported));
+    QCOMPARE(QString::fromStdString(test::md5Hex(test::readFile(exported.toStdString()))), pngMD5);
+    editor->copyFields();
+    editor->reject();
+
+    // On y: an edit undone by Revert, then x's fields pasted and the
+    // artwork cleared.
+    selectOnly(window, "y.flac");
+    editor = window.editTags();
+    QTest::keyClicks(editor->fieldEditor("trackTitle"), " changed");
+    QCOMPARE(editor->fieldEditor("trackTitle")->text(), QString("y changed"));
+    editor->revertFields();
+    QCOMPARE(editor->fieldEditor("trackTitle")->text(), QString("y"));
+    QVERIFY(editor->pasteFields());
+    QCOMPARE(editor->fieldEditor("albumTitle")->text(), QString("Album X"));
+    editor->clearArtwork();
+    saveEdits(window, editor);
+    QCOMPARE(tagsAndPicture(sources_ / "y.flac"), QString("x|Album X|none"));
+
+    // Clear All empties every field of the file.
+    selectOnly(window, "x.flac");
+    editor = window.editTags();
+    editor->clearAllFields();
+    saveEdits(window, editor);
+    QCOMPARE(tagsAndPicture(sources_ / "x.flac"), QString("||none"));
+}
+
+void MainWindowTest::removesAndClearsQueuedRows() {
+    makeTaggedPair();
+    MainWindow window;
+    window.show();
+    queueSources(window, 2);
+    ApplicationController* controller = &window.controller();
+    selectOnly(window, "x.flac");
+    window.removeSelected();
+    // The same controller, one job fewer: the other job is untouched.
+    QCOMPARE(&window.controller(), controller);
+    QCOMPARE(window.queueModel().rowCount(), 1);
+    QCOMPARE(fs::path(window.controller().operations()[0]->inFilePath()).filename().string(),
+             std::string("y.flac"));
+    window.clearQueue();
+    QCOMPARE(window.queueModel().rowCount(), 0);
+    QVERIFY(window.controller().operations().empty());
 }
 
 int runMainWindowTest(int argc, char** argv) {

@@ -14,30 +14,12 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class ApplicationControllerTest : public ::testing::Test {
+class ApplicationControllerTest : public BatchTest {
 protected:
     void SetUp() override {
-        Gate::shared().reset(true);
-        prefs.set("outputSameAsSource", false);
-        prefs.set("destinationDirectory", out.path().string());
-        prefs.set("useCustomNamingScheme", false);
-        prefs.set("preserveInputFileDirectoryStructure", false);
-        prefs.set("overwriteOutputFiles", false);
+        BatchTest::SetUp();
         prefs.set("promptBeforeOverwriting", true);
-        prefs.set("numProcesses", "2");
-        prefs.set("deleteOriginal", false);
-        prefs.set("keepFilesInQueueAfterEncoding", false);
-        prefs.set("skipFilesOfSameType", false);
-        controller.setPersistsOutputFormats(false);
         controller.setEncoderSettings({gatedFormat("flac")});
-        ui.controller = &controller;
-        controller.setUserInterface(&ui);
-    }
-    void TearDown() override {
-        Gate::shared().reset(true);
-        Gate::shared().changed.notify_all();
-        // Nothing may still run when the controller goes.
-        EXPECT_TRUE(runUntil([&] { return !controller.encoderRunning(); }));
     }
 
     std::vector<std::string> makeInputs(int count, const std::string& prefix = "Track") {
@@ -48,16 +30,6 @@ protected:
         }
         return paths;
     }
-    void runBatch() {
-        controller.encode();
-        ASSERT_TRUE(runUntil([&] { return !controller.encoderRunning(); }));
-    }
-
-    TempDir in, out;
-    Preferences prefs;
-    GatedEncoders encoders;
-    ApplicationController controller;
-    RecordingInterface ui;
 };
 
 std::vector<std::string> queuedPaths(const ApplicationController& controller) {

@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include "core/FormatRegistry.h"
@@ -241,5 +242,41 @@ inline std::string readText(const std::string& path) {
     const auto bytes = readFile(path);
     return std::string(bytes.begin(), bytes.end());
 }
+
+// A controller with the stand-in encoders and the recording interface,
+// writing into a folder of its own; no job may still run when it goes.
+class BatchTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        Gate::shared().reset(true);
+        prefs.set("outputSameAsSource", false);
+        prefs.set("destinationDirectory", out.path().string());
+        prefs.set("useCustomNamingScheme", false);
+        prefs.set("preserveInputFileDirectoryStructure", false);
+        prefs.set("overwriteOutputFiles", false);
+        prefs.set("numProcesses", "2");
+        prefs.set("deleteOriginal", false);
+        prefs.set("skipFilesOfSameType", false);
+        prefs.set("keepFilesInQueueAfterEncoding", false);
+        controller.setPersistsOutputFormats(false);
+        ui.controller = &controller;
+        controller.setUserInterface(&ui);
+    }
+    void TearDown() override {
+        Gate::shared().reset(true);
+        Gate::shared().changed.notify_all();
+        EXPECT_TRUE(runUntil([&] { return !controller.encoderRunning(); }));
+    }
+    void runBatch() {
+        controller.encode();
+        ASSERT_TRUE(runUntil([&] { return !controller.encoderRunning(); }));
+    }
+
+    TempDir in, out;
+    Preferences prefs;
+    GatedEncoders encoders;
+    ApplicationController controller;
+    RecordingInterface ui;
+};
 
 } // namespace velvox::test

@@ -13,40 +13,11 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class FileEncodeOperationTest : public ::testing::Test {
+class FileEncodeOperationTest : public BatchTest {
 protected:
-    void SetUp() override {
-        Gate::shared().reset(true);
-        prefs.set("outputSameAsSource", false);
-        prefs.set("destinationDirectory", out.path().string());
-        prefs.set("useCustomNamingScheme", false);
-        prefs.set("preserveInputFileDirectoryStructure", false);
-        prefs.set("overwriteOutputFiles", false);
-        prefs.set("numProcesses", "2");
-        prefs.set("deleteOriginal", false);
-        prefs.set("skipFilesOfSameType", false);
-        prefs.set("keepFilesInQueueAfterEncoding", false);
-        controller.setPersistsOutputFormats(false);
-        controller.setUserInterface(&ui);
-    }
-    void TearDown() override {
-        Gate::shared().reset(true);
-        Gate::shared().changed.notify_all();
-        EXPECT_TRUE(runUntil([&] { return !controller.encoderRunning(); }));
-    }
-    void runBatch() {
-        controller.encode();
-        ASSERT_TRUE(runUntil([&] { return !controller.encoderRunning(); }));
-    }
     fs::path trashed(const std::string& name) {
         return fs::path(std::getenv("XDG_DATA_HOME")) / "Trash/files" / name;
     }
-
-    TempDir in, out;
-    Preferences prefs;
-    GatedEncoders encoders;
-    ApplicationController controller;
-    RecordingInterface ui;
 };
 
 } // namespace
