@@ -1,7 +1,6 @@
 #include "decoders/OggOpusDecoder.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
 #include <cstring>
 
@@ -20,7 +19,6 @@ constexpr uint32_t kResamplerRound = 1024;
 constexpr uint32_t kFlushPiece = 100;
 // Enough free space for one packet's float output per channel.
 constexpr uint32_t kBytesPerChannelPerPacket = kMaxPacketFrames * sizeof(float);
-constexpr long kReadSize = 4096;
 
 bool isOpusHead(const ogg_packet& packet) {
     return packet.bytes >= 8 && std::memcmp(packet.packet, "OpusHead", 8) == 0;
@@ -33,10 +31,7 @@ OggOpusDecoder::OggOpusDecoder() = default;
 OggOpusDecoder::~OggOpusDecoder() {
     st_.reset();
     resampler_.reset();
-    if (streamInitialised_)
-        ogg_stream_clear(&os_);
-    if (syncInitialised_)
-        ogg_sync_clear(&oy_);
+    ogg_.reset();
 }
 
 bool OggOpusDecoder::initWithFilename(const std::string& path) {
@@ -45,19 +40,15 @@ bool OggOpusDecoder::initWithFilename(const std::string& path) {
     totalSamples_ = OggStreamLength::granuleSpan(path);
     endsWithLastPage_ = OggStreamLength::endsWithLastPage(path);
 
-    fin_.reset(std::fopen(path.c_str(), "rb"));
-    VLX_ASSERT(fin_, "Unable to open the input file (%s).", std::strerror(errno));
-    ogg_sync_init(&oy_);
-    syncInitialised_ = true;
-
+    ogg_ = std::make_unique<OggPageReader>(path);
     while (!st_) {
-        VLX_ASSERT(readPage(), "Opus Proces Header Failed.");
+        VLX_ASSERT(ogg_->readPage(), "Opus Proces Header Failed.");
         takePage();
         ogg_packet packet;
-        while (!st_ && ogg_stream_packetout(&os_, &packet) == 1) {
+        while (!st_ && ogg_stream_packetout(&ogg_->stream(), &packet) == 1) {
             if (opus_serialno_ != -1 || !isOpusHead(packet))
                 continue;
-            opus_serialno_ = os_.serialno;
+            opus_serialno_ = ogg_->stream().serialno;
             link_out_ = 0;
             link_decoded_ = 0;
             packet_count_ = 0;
@@ -82,41 +73,19 @@ bool OggOpusDecoder::initWithFilename(const std::string& path) {
     return true;
 }
 
-// Reads until the sync layer has a whole page in og_; false at the end of the
-// input.
-bool OggOpusDecoder::readPage() {
-    for (;;) {
-        const int r = ogg_sync_pageout(&oy_, &og_);
-        if (r == 1)
-            return true;
-        if (r < 0)
-            continue; // skipped bytes that were not a page
-        char* buffer = ogg_sync_buffer(&oy_, kReadSize);
-        VLX_ASSERT(buffer, "Ogg decoding error (ogg_sync_wrote).");
-        const size_t got = std::fread(buffer, 1, kReadSize, fin_.get());
-        VLX_ASSERT(!std::ferror(fin_.get()), "Unable to read from the input file (%s).",
-                   std::strerror(errno));
-        if (got == 0)
-            return false;
-        VLX_ASSERT(ogg_sync_wrote(&oy_, long(got)) == 0, "Ogg decoding error (ogg_sync_wrote).");
-    }
-}
-
 // Pages of other logical streams are ignored once the Opus stream is known,
 // except a stream's first page, which may start the next link of a chain.
 void OggOpusDecoder::takePage() {
-    const int serial = ogg_page_serialno(&og_);
-    if (!streamInitialised_) {
-        ogg_stream_init(&os_, serial);
-        streamInitialised_ = true;
-    } else if (serial != os_.serialno) {
-        if (opus_serialno_ != -1 && !ogg_page_bos(&og_))
-            return;
-        ogg_stream_reset_serialno(&os_, serial);
-    }
-    VLX_ASSERT(ogg_stream_pagein(&os_, &og_) == 0, "Error reading Ogg page.");
-    page_granule_ = ogg_page_granulepos(&og_);
-    lastPage_ = ogg_page_eos(&og_) != 0;
+    const ogg_page& page = ogg_->page();
+    const int serial = ogg_page_serialno(&page);
+    if (ogg_->hasStream() && serial != ogg_->stream().serialno && opus_serialno_ != -1 &&
+        !ogg_page_bos(&page))
+        return;
+    if (!ogg_->hasStream() || serial != ogg_->stream().serialno)
+        ogg_->startStream(serial);
+    ogg_->pagein();
+    page_granule_ = ogg_page_granulepos(&page);
+    lastPage_ = ogg_page_eos(&page) != 0;
 }
 
 bool OggOpusDecoder::processHeader(const ogg_packet& packet) {
@@ -177,11 +146,11 @@ void OggOpusDecoder::fillPCMBuffer() {
 
     while (!isEndOfFile()) {
         ogg_packet packet;
-        const int r = ogg_stream_packetout(&os_, &packet);
+        const int r = ogg_stream_packetout(&ogg_->stream(), &packet);
         if (r == 1) {
             if (isOpusHead(packet)) {
                 startNewLink(packet);
-            } else if (os_.serialno != opus_serialno_) {
+            } else if (ogg_->stream().serialno != opus_serialno_) {
                 continue;
             } else if (packet_count_ == 1) {
                 incrementPacketCount(); // OpusTags: read by the metadata code
@@ -196,7 +165,7 @@ void OggOpusDecoder::fillPCMBuffer() {
                 ErrorLog::sharedController().logMessage(stringWithFormat(
                     "Ogg Opus Decoder Skipped Missing Or Damaged Data In File: %@", inFilePath()));
             noteDamage("Ogg loss of streaming.");
-        } else if (readPage()) {
+        } else if (ogg_->readPage()) {
             takePage();
         } else {
             VLX_ASSERT(endsWithLastPage_,
@@ -213,7 +182,7 @@ void OggOpusDecoder::fillPCMBuffer() {
 void OggOpusDecoder::startNewLink(const ogg_packet& packet) {
     const uint32_t channels = channels_;
     const uint32_t rate = rate_;
-    opus_serialno_ = os_.serialno;
+    opus_serialno_ = ogg_->stream().serialno;
     VLX_ASSERT(processHeader(packet), "Opus Proces Header Failed.");
     VLX_ASSERT(channels_ == channels,
                "The Chained Ogg Opus Streams In This File Have Different Channel Counts.");

@@ -3,7 +3,6 @@
 // the Speex resampler down to the rate the encoder was given, pre-skip and
 // end trimming by granule position, and noise-shaped dither to 16 bits.
 
-#include <cstdio>
 #include <memory>
 #include <vector>
 
@@ -13,6 +12,7 @@
 
 #include "core/KDDecoder.h"
 #include "decoders/NoiseShapedDither.h"
+#include "decoders/OggPageReader.h"
 #include "decoders/OpusHeader.h"
 
 namespace velvox {
@@ -35,9 +35,6 @@ public:
     void incrementPacketCount() { ++packet_count_; }
 
 private:
-    struct FileCloser {
-        void operator()(FILE* f) const { std::fclose(f); }
-    };
     struct DecoderDeleter {
         void operator()(OpusMSDecoder* d) const { opus_multistream_decoder_destroy(d); }
     };
@@ -45,7 +42,6 @@ private:
         void operator()(SpeexResamplerState* r) const { speex_resampler_destroy(r); }
     };
 
-    bool readPage();
     void takePage();
     bool processHeader(const ogg_packet& packet);
     void startResampler();
@@ -55,12 +51,7 @@ private:
     uint32_t writeFrames(const float* pcm, uint32_t frames, int64_t maxout);
     void flushResampler();
 
-    std::unique_ptr<FILE, FileCloser> fin_;
-    ogg_sync_state oy_{};
-    ogg_page og_{};
-    ogg_stream_state os_{};
-    bool syncInitialised_ = false;
-    bool streamInitialised_ = false;
+    std::unique_ptr<OggPageReader> ogg_;
     int32_t opus_serialno_ = -1;
     OpusHeader header_;
     std::unique_ptr<OpusMSDecoder, DecoderDeleter> st_;

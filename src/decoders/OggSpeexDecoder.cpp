@@ -1,7 +1,6 @@
 #include "decoders/OggSpeexDecoder.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 
 #include <speex/speex_header.h>
@@ -15,7 +14,6 @@ namespace velvox {
 
 namespace {
 
-constexpr long kReadSize = 4096;
 // Far beyond any encoder's setting; keeps a forged header from asking for
 // gigabytes per packet.
 constexpr int kMaxFramesPerPacket = 64;
@@ -33,10 +31,7 @@ OggSpeexDecoder::~OggSpeexDecoder() {
     stereo_.reset();
     if (bitsInitialised_)
         speex_bits_destroy(&bits_);
-    if (streamInitialised_)
-        ogg_stream_clear(&os_);
-    if (syncInitialised_)
-        ogg_sync_clear(&oy_);
+    ogg_.reset();
 }
 
 bool OggSpeexDecoder::initWithFilename(const std::string& path) {
@@ -45,20 +40,17 @@ bool OggSpeexDecoder::initWithFilename(const std::string& path) {
     totalSamples_ = OggStreamLength::granuleSpan(path);
     endsWithLastPage_ = OggStreamLength::endsWithLastPage(path);
 
-    fin_.reset(std::fopen(path.c_str(), "rb"));
-    VLX_ASSERT(fin_, "Unable to open the input file (%s).", std::strerror(errno));
-    ogg_sync_init(&oy_);
-    syncInitialised_ = true;
+    ogg_ = std::make_unique<OggPageReader>(path);
     speex_bits_init(&bits_);
     bitsInitialised_ = true;
 
-    VLX_ASSERT(readPage(), "The file does not appear to be an Ogg bitstream.");
+    VLX_ASSERT(ogg_->readPage(), "The file does not appear to be an Ogg bitstream.");
     takePage();
     ogg_packet packet;
-    VLX_ASSERT(ogg_stream_packetout(&os_, &packet) == 1,
+    VLX_ASSERT(ogg_stream_packetout(&ogg_->stream(), &packet) == 1,
                "Error reading initial Ogg packet header.");
     if (packet.bytes >= 5 && std::memcmp(packet.packet, "Speex", 5) == 0)
-        speex_serialno = os_.serialno;
+        speex_serialno = ogg_->stream().serialno;
     readHeader(packet);
 
     decodeFormat_.mFormatID = kAudioFormatLinearPCM;
@@ -127,40 +119,20 @@ void OggSpeexDecoder::readHeader(const ogg_packet& packet) {
     frame_.assign(size_t(frame_size) * channels_, 0);
 }
 
-bool OggSpeexDecoder::readPage() {
-    for (;;) {
-        const int r = ogg_sync_pageout(&oy_, &og_);
-        if (r == 1)
-            return true;
-        if (r < 0)
-            continue; // skipped bytes that were not a page
-        char* buffer = ogg_sync_buffer(&oy_, kReadSize);
-        VLX_ASSERT(buffer, "Ogg decoding error (ogg_sync_wrote).");
-        const size_t got = std::fread(buffer, 1, kReadSize, fin_.get());
-        VLX_ASSERT(!std::ferror(fin_.get()), "Unable to read from the input file (%s).",
-                   std::strerror(errno));
-        if (got == 0)
-            return false;
-        VLX_ASSERT(ogg_sync_wrote(&oy_, long(got)) == 0, "Ogg decoding error (ogg_sync_wrote).");
-    }
-}
-
 // Once the Speex stream is known, pages of other logical streams are ignored.
 void OggSpeexDecoder::takePage() {
-    const int serial = ogg_page_serialno(&og_);
-    if (!streamInitialised_) {
-        ogg_stream_init(&os_, serial);
-        streamInitialised_ = true;
-    } else if (serial != os_.serialno) {
-        if (speex_serialno != -1)
-            return;
-        ogg_stream_reset_serialno(&os_, serial);
-    }
-    VLX_ASSERT(ogg_stream_pagein(&os_, &og_) == 0, "Error reading Ogg page.");
-    const int64_t granule = ogg_page_granulepos(&og_);
+    const ogg_page& page = ogg_->page();
+    const int serial = ogg_page_serialno(&page);
+    const bool otherStream = ogg_->hasStream() && serial != ogg_->stream().serialno;
+    if (otherStream && speex_serialno != -1)
+        return;
+    if (!ogg_->hasStream() || otherStream)
+        ogg_->startStream(serial);
+    ogg_->pagein();
+    const int64_t granule = ogg_page_granulepos(&page);
     if (granule >= 0)
         page_granule = granule;
-    pageIsLast_ = ogg_page_eos(&og_);
+    pageIsLast_ = ogg_page_eos(&page);
     noteFirstAudioPage();
 }
 
@@ -170,11 +142,12 @@ void OggSpeexDecoder::takePage() {
 // reference encoder writes it). A stream that ends on that same page says
 // nothing about its start; the encoder's look-ahead for the mode stands in.
 void OggSpeexDecoder::noteFirstAudioPage() {
-    if (firstAudioPageSeen_ || ogg_page_granulepos(&og_) < 0)
+    const ogg_page& page = ogg_->page();
+    if (firstAudioPageSeen_ || ogg_page_granulepos(&page) < 0)
         return;
     const int64_t headers = 2 + int64_t(extra_headers_);
     const int64_t before = packetCount_;
-    const int64_t after = before + ogg_page_packets(&og_);
+    const int64_t after = before + ogg_page_packets(&page);
     const int64_t audioPackets = after - std::max(before, headers);
     if (audioPackets <= 0)
         return;
@@ -184,8 +157,8 @@ void OggSpeexDecoder::noteFirstAudioPage() {
         skip_samples = encoderLookahead_ + lookahead;
     else
         skip_samples =
-            std::clamp<int64_t>(decoded - ogg_page_granulepos(&og_), 0, decoded) + lookahead;
-    last_granule = ogg_page_granulepos(&og_);
+            std::clamp<int64_t>(decoded - ogg_page_granulepos(&page), 0, decoded) + lookahead;
+    last_granule = ogg_page_granulepos(&page);
 }
 
 void OggSpeexDecoder::fillPCMBuffer() {
@@ -196,14 +169,14 @@ void OggSpeexDecoder::fillPCMBuffer() {
 
     while (!isEndOfFile() && ring.freeSpaceAvailable() >= packetBytes) {
         ogg_packet packet;
-        const int r = ogg_stream_packetout(&os_, &packet);
+        const int r = ogg_stream_packetout(&ogg_->stream(), &packet);
         VLX_ASSERT(r >= 0, "Ogg loss of streaming.");
         if (r == 1) {
             decodePacket(packet);
-        } else if (ogg_stream_eos(&os_)) {
+        } else if (ogg_stream_eos(&ogg_->stream())) {
             completeTail();
             setEndOfFile(true);
-        } else if (!readPage()) {
+        } else if (!ogg_->readPage()) {
             VLX_ASSERT(endsWithLastPage_,
                        "The Ogg Stream Ends Before Its Last Page.  The File Is Truncated.");
             setEndOfFile(true);

@@ -4,7 +4,6 @@
 // look-ahead is trimmed at the start and the last page's granule position
 // cuts the end, so the length is what the encoder was given.
 
-#include <cstdio>
 #include <memory>
 #include <vector>
 
@@ -14,6 +13,7 @@
 #include <speex/speex_stereo.h>
 
 #include "core/KDDecoder.h"
+#include "decoders/OggPageReader.h"
 
 namespace velvox {
 
@@ -39,9 +39,6 @@ public:
     void setPacketCount(int64_t value) { packetCount_ = value; }
 
 private:
-    struct FileCloser {
-        void operator()(FILE* f) const { std::fclose(f); }
-    };
     struct DecoderDeleter {
         void operator()(void* st) const { speex_decoder_destroy(st); }
     };
@@ -49,7 +46,6 @@ private:
         void operator()(SpeexStereoState* s) const { speex_stereo_state_destroy(s); }
     };
 
-    bool readPage();
     void takePage();
     void readHeader(const ogg_packet& packet);
     void noteFirstAudioPage();
@@ -57,12 +53,7 @@ private:
     void completeTail();
     void writeFrame(const int16_t* frame);
 
-    std::unique_ptr<FILE, FileCloser> fin_;
-    ogg_sync_state oy_{};
-    ogg_page og_{};
-    ogg_stream_state os_{};
-    bool syncInitialised_ = false;
-    bool streamInitialised_ = false;
+    std::unique_ptr<OggPageReader> ogg_;
     SpeexBits bits_{};
     bool bitsInitialised_ = false;
     std::unique_ptr<void, DecoderDeleter> st_;

@@ -24,6 +24,7 @@ struct SpeexResamplerState_;
 namespace velvox {
 
 class OggPageWriter;
+class SincResampler;
 
 class OggOpusEncodeOperation : public StreamEncodeOperation {
 public:
@@ -48,6 +49,9 @@ protected:
     }
     uint32_t readBufferSize(uint32_t decoderBitsPerChannel) const override;
     uint32_t outputBitsPerChannel(const AudioStreamBasicDescription&) const override { return 32; }
+    // Whether chunks come in the decoder's own sample format (no rate change,
+    // no down-mix) rather than converted to float by the loop.
+    bool takesDecoderSamples() const;
     void adjustOutputFormat(AudioStreamBasicDescription& format) const override;
     void setUpCodec(const std::string& tempFilePath) override;
     void finishCodec() override;
@@ -64,11 +68,14 @@ private:
     void createEncoder();
     void configureEncoder();
     void createResampler();
+    bool resampling() const { return sincResampler_ || resampler; }
+    uint32_t resamplerInputLatency() const;
     void writeHeaderPackets(const std::string& tempFilePath);
-    void writeHeaderPacket(unsigned char* data, long bytes, bool beginning);
     // Takes interleaved float frames at sourceSampleRate (already in Opus
     // channel order) into the coding-rate buffer, through the resampler.
     void appendSource(const float* frames, uint32_t frameCount);
+    // One chunk into floats_, in Opus channel order.
+    void toFloat(const uint8_t* in, uint32_t frameCount);
     void resampleWaiting(uint32_t keepFrames);
     // Encodes whole frames while more than `reserve` frames would be left.
     void encodeWaiting(uint32_t reserve);
@@ -84,6 +91,9 @@ private:
     int32_t coding_rate = 48000;
     int32_t frame_size = 960;
     std::unique_ptr<OpusMSEncoder, EncoderDeleter> st;
+    // The exact-phase resampler where the rate ratio allows it, else
+    // libspeexdsp's (at most one of the two is set).
+    std::unique_ptr<SincResampler> sincResampler_;
     std::unique_ptr<SpeexResamplerState_, ResamplerDeleter> resampler;
     std::vector<float> resamplerBuffer;
     uint32_t bufferedResamplerSamples = 0;
@@ -100,11 +110,14 @@ private:
     int32_t lookahead_ = 0;
     int32_t resamplerLatency_ = 0;
     OpusHeader header_;
-    // Source-order channel i goes to Opus channel i's slot order_[i].
+    // Opus channel i is source channel order_[i].
     std::vector<int> order_;
+    // What a chunk holds: the decoder's samples or the loop's floats.
+    size_t inputSampleBytes_ = 4;
+    bool inputIsFloat_ = true;
     // The last frames received, for the prediction past the end.
     std::vector<float> tail_;
-    std::vector<float> reordered_;
+    std::vector<float> floats_;
 };
 
 } // namespace velvox

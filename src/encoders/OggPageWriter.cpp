@@ -25,6 +25,25 @@ void OggPageWriter::packetin(ogg_packet& packet) {
     VLX_ASSERT(ogg_stream_packetin(&os_, &packet) == 0, "ogg_stream_packetin failed");
 }
 
+void OggPageWriter::writeHeaderPacket(unsigned char* data, long bytes, int64_t packetNumber,
+                                      const char* failedText) {
+    ogg_packet op{};
+    op.packet = data;
+    op.bytes = bytes;
+    op.b_o_s = packetNumber == 0 ? 1 : 0;
+    op.e_o_s = 0;
+    op.granulepos = 0;
+    op.packetno = packetNumber;
+    packetin(op);
+    VLX_ASSERT(flushAll(), "%@", std::string(failedText));
+}
+
+void OggPageWriter::writeReadyPages(const char* failedText) {
+    ogg_page page;
+    while (ogg_stream_pageout(&os_, &page) != 0)
+        VLX_ASSERT(writePage(page), "%@", std::string(failedText));
+}
+
 bool OggPageWriter::writePage(const ogg_page& page) {
     if (!file_)
         return false;

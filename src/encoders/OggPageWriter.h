@@ -4,6 +4,7 @@
 // the other. Both encoders that do their own Ogg packaging (Opus, Speex) use
 // it from their operation thread only.
 
+#include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -25,6 +26,15 @@ public:
     ogg_stream_state& stream() { return os_; }
     void packetin(ogg_packet& packet);
 
+    // Puts in one of the stream's header packets (the first with the
+    // beginning-of-stream mark) and flushes it to page(s) of its own, as the
+    // Ogg mappings of Opus and Speex require. Throws the assertion failedText
+    // on a short write.
+    void writeHeaderPacket(unsigned char* data, long bytes, int64_t packetNumber,
+                           const char* failedText);
+    // Writes every page libogg has completed; throws the assertion
+    // failedText on a short write.
+    void writeReadyPages(const char* failedText);
     // Writes one page, header then body; false on a short write.
     bool writePage(const ogg_page& page);
     // Flushes every waiting packet to pages and writes them; false on a

@@ -27,6 +27,10 @@ namespace velvox {
 
 namespace {
 
+constexpr const char* kHeaderWriteFailed =
+    "Ogg Speex Error: failed writing header to output stream";
+constexpr const char* kWriteFailed = "Ogg Speex Error: failed writing to output stream";
+
 // Largest packet: ten ultra-wideband frames at the highest rate fit easily.
 constexpr int kMaxPacketBytes = 2000;
 
@@ -173,7 +177,8 @@ void OggSpeexEncodeOperation::writeHeaderPackets(const void* modePointer) {
     std::unique_ptr<char, void (*)(void*)> first(speex_header_to_packet(&header, &bytes),
                                                  speex_header_free);
     VLX_ASSERT(first != nullptr, "speex_header_to_packet failed");
-    writeHeaderPacket(reinterpret_cast<unsigned char*>(first.get()), bytes, 0);
+    writer_->writeHeaderPacket(reinterpret_cast<unsigned char*>(first.get()), bytes, 0,
+                               kHeaderWriteFailed);
 
     // A Vorbis-style comment block without the framing bit, carrying only
     // the vendor text: the tags are written by TagLib afterwards.
@@ -184,18 +189,7 @@ void OggSpeexEncodeOperation::writeHeaderPackets(const void* modePointer) {
         comments[size_t(i)] = static_cast<unsigned char>(length >> (8 * i));
     std::memcpy(comments.data() + 4, vendor.data(), vendor.size());
     // The last four bytes stay zero: no user comments.
-    writeHeaderPacket(comments.data(), long(comments.size()), 1);
-}
-
-void OggSpeexEncodeOperation::writeHeaderPacket(unsigned char* data, long bytes,
-                                                int64_t packetNumber) {
-    ogg_packet op{};
-    op.packet = data;
-    op.bytes = bytes;
-    op.b_o_s = packetNumber == 0 ? 1 : 0;
-    op.packetno = packetNumber;
-    writer_->packetin(op);
-    VLX_ASSERT(writer_->flushAll(), "Ogg Speex Error: failed writing header to output stream");
+    writer_->writeHeaderPacket(comments.data(), long(comments.size()), 1, kHeaderWriteFailed);
 }
 
 void OggSpeexEncodeOperation::encodeChunk(const AudioBufferList& bufferList, uint32_t frameCount) {
@@ -263,13 +257,10 @@ void OggSpeexEncodeOperation::submitPending(bool last) {
     op.packetno = 1 + packetsDone_;
     writer_->packetin(op);
     havePending_ = false;
-    ogg_page page;
-    if (last) {
-        VLX_ASSERT(writer_->flushAll(), "Ogg Speex Error: failed writing to output stream");
-        return;
-    }
-    while (ogg_stream_pageout(&writer_->stream(), &page) != 0)
-        VLX_ASSERT(writer_->writePage(page), "Ogg Speex Error: failed writing to output stream");
+    if (last)
+        VLX_ASSERT(writer_->flushAll(), "%@", std::string(kWriteFailed));
+    else
+        writer_->writeReadyPages(kWriteFailed);
 }
 
 void OggSpeexEncodeOperation::finishCodec() {

@@ -59,7 +59,6 @@ private:
 
     void createEncoder(const void* mode);
     void writeHeaderPackets(const void* mode);
-    void writeHeaderPacket(unsigned char* data, long bytes, int64_t packetNumber);
     void encodeFrame();
     // Closes the packet of framesPerPacket frames and queues it; the one
     // before it goes into the stream now, so that the last can be marked
