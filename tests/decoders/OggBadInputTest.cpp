@@ -42,10 +42,12 @@ std::string encode(const Format& format, const std::string& wav, const std::stri
     return out;
 }
 
-// What happened to one damaged file: the exception text, or the samples.
+// What happened to one damaged file: the exception text, or the samples and
+// the damage the decoder noted on its way past.
 struct Attempt {
     bool threw = false;
     std::string reason;
+    std::string damage;
     size_t samples = 0;
 };
 
@@ -58,6 +60,7 @@ Attempt attempt(const std::string& path) {
             return a;
         }
         a.samples = decodeAll16(*decoder).size();
+        a.damage = decoder->damage();
     } catch (const Exception& e) {
         a.threw = true;
         a.reason = e.reason();
@@ -95,11 +98,13 @@ TEST(OggBadInput, ZeroLengthTruncatedAndBitFlippedFilesFailCleanly) {
         EXPECT_TRUE(attempt(name("header")).threw);
 
         // A page that fails its CRC is a hole: the file is damaged, however
-        // well the pages after it decode.
+        // well the pages after it decode. Vorbis and Opus decode on past it
+        // and say so; Speex stops there.
         writeFile(name("middle"), flipped(good, good.size() / 2, 16));
         const Attempt middle = attempt(name("middle"));
-        EXPECT_TRUE(middle.threw);
-        EXPECT_EQ(middle.reason, format.lostPagesReason);
+        EXPECT_EQ(middle.threw ? middle.reason : middle.damage, format.lostPagesReason);
+        if (!middle.threw)
+            EXPECT_GT(middle.samples, 0u);
     }
 }
 
