@@ -127,10 +127,15 @@ void FLACEncodeOperation::addMetadataAndStart(const std::string& tempFilePath) {
     const int64_t knownFrames = totalFrames() > 0 ? totalFrames() : 0;
     const float lastPoint =
         (float(knownFrames) / float(sourceSampleRate())) / float(kSeekPointInterval);
+    // Appended in one go: a point at a time reallocates the table each time,
+    // which a damaged header stating billions of frames turns into minutes.
+    std::vector<FLAC__uint64> points;
     for (uint64_t k = 0; float(k) <= lastPoint; ++k)
-        FLAC__metadata_object_seektable_template_append_point(
-            seekTable_.get(),
+        points.push_back(
             FLAC__uint64(double(k) * double(kSeekPointInterval) * sourceSampleRate()));
+    VLX_ASSERT(FLAC__metadata_object_seektable_template_append_points(
+                   seekTable_.get(), points.data(), uint32_t(points.size())),
+               "FLAC__metadata_object_seektable_template_append_points Failed.");
     VLX_ASSERT(FLAC__metadata_object_seektable_template_sort(seekTable_.get(), true),
                "FLAC__metadata_object_seektable_template_sort Failed");
 

@@ -98,8 +98,12 @@ public:
         std::string kills;
         for (const std::string& signal : signals)
             kills += "kill -" + signal + " $pid; ";
+        // The old output goes first: a trigger left from an earlier run would
+        // send the signals before the program has set up its handlers, and a
+        // background job of a non-interactive shell starts with SIGINT ignored.
         const std::string script =
-            velvoxCommand(args) + " </dev/null >" + shellQuote(outPath) + " 2>" +
+            "rm -f " + shellQuote(outPath) + "; " + velvoxCommand(args) + " </dev/null >" +
+            shellQuote(outPath) + " 2>" +
             shellQuote(errorPath()) + " & pid=$!; i=0; while ! grep -q " +
             shellQuote("^" + trigger) + " " + shellQuote(outPath) +
             " 2>/dev/null && [ $i -lt 1200 ]; do sleep 0.05; i=$((i+1)); done; t0=$(date +%s%N); " +
