@@ -173,12 +173,7 @@ void CoreAudioEncodeOperation::writeMetadata() {
     if (defaults.boolForKey("writeEncodedByMetadataTag"))
         encodedBy = stringWithFormat("%s via Velvox %@", codecLibraryName(),
                                      std::string(kVelvoxShortVersion));
-    std::optional<std::string> comment;
-    if (defaults.boolForKey("writeFormatStringToComments"))
-        comment = expandFormatSpecifiers(defaults.stringForKey("commentsFormatString"),
-                                         record.get(), settings().get(), inFilePath(), false);
-    else
-        comment = record->trackComment();
+    const std::optional<std::string> comment = commentText();
 
     const CoreAudioTagWriter writer(*record, encodedBy, comment);
     bool saved = true;

@@ -81,12 +81,7 @@ void MonkeysAudioEncodeOperation::writeMetadata() {
                                      std::string(kVelvoxShortVersion));
 
     const std::shared_ptr<AudioMetadata> record = metadataForTags();
-    std::optional<std::string> comment;
-    if (defaults.boolForKey("writeFormatStringToComments"))
-        comment = expandFormatSpecifiers(defaults.stringForKey("commentsFormatString"),
-                                         record.get(), settings().get(), inFilePath(), false);
-    else if (record)
-        comment = record->trackComment();
+    const std::optional<std::string> comment = commentText();
 
     if (record)
         record->fillOutAPETag(file.APETag(true), encodedBy, comment);

@@ -313,12 +313,7 @@ void OggSpeexEncodeOperation::writeMetadata() {
         encodedBy = stringWithFormat("Speex %s via Velvox %@", speexVersion().c_str(),
                                      std::string(kVelvoxShortVersion));
     const std::shared_ptr<AudioMetadata> record = metadataForTags();
-    std::optional<std::string> comment;
-    if (defaults.boolForKey("writeFormatStringToComments"))
-        comment = expandFormatSpecifiers(defaults.stringForKey("commentsFormatString"),
-                                         record.get(), settings().get(), inFilePath(), false);
-    else if (record)
-        comment = record->trackComment();
+    const std::optional<std::string> comment = commentText();
     if (!record)
         return;
     record->fillOutXiphComment(file.tag(), encodedBy, comment, true);

@@ -316,12 +316,7 @@ void OggVorbisEncodeOperation::writeMetadata() {
         encodedBy = stringWithFormat("Vorbis %s via Velvox %@", vorbis_version_string(),
                                      std::string(kVelvoxShortVersion));
     const std::shared_ptr<AudioMetadata> record = metadataForTags();
-    std::optional<std::string> comment;
-    if (defaults.boolForKey("writeFormatStringToComments"))
-        comment = expandFormatSpecifiers(defaults.stringForKey("commentsFormatString"),
-                                         record.get(), settings().get(), inFilePath(), false);
-    else if (record)
-        comment = record->trackComment();
+    const std::optional<std::string> comment = commentText();
     if (!record)
         return;
     record->fillOutXiphComment(file.tag(), encodedBy, comment, true);
