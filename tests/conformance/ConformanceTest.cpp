@@ -330,6 +330,53 @@ protected:
     test::Batch batch;
 };
 
+// The tags ffprobe reads (it reads every container written here; mutagen
+// has no CAF), keys in lower case. Containers keep tags on the file, Ogg on
+// its stream.
+nlohmann::json probeTags(const std::string& path) {
+    const auto r = test::runCommand(
+        "ffprobe -v error -show_entries format_tags=title,artist:stream_tags=title,artist:"
+        "stream=codec_type:stream_disposition=attached_pic -of json " +
+        test::shellQuote(path));
+    EXPECT_EQ(r.exitCode, 0);
+    const nlohmann::json probe = nlohmann::json::parse(r.output, nullptr, false);
+    nlohmann::json tags = nlohmann::json::object();
+    if (!probe.is_object())
+        return tags;
+    std::vector<nlohmann::json> holders = {probe.value("format", nlohmann::json::object())};
+    for (const auto& stream : probe.value("streams", nlohmann::json::array()))
+        holders.push_back(stream);
+    for (const nlohmann::json& holder : holders) {
+        const nlohmann::json found = holder.value("tags", nlohmann::json::object());
+        for (const auto& [key, value] : found.items())
+            tags[lowercaseASCII(key)] = value;
+    }
+    return tags;
+}
+
+// Pictures show to ffprobe as attached-picture streams; Ogg streams keep
+// theirs in the comment, where mutagen reads them.
+int pictureCount(const std::string& path) {
+    int pictures = 0;
+    const auto r = test::runCommand("ffprobe -v error -show_entries "
+                                    "stream_disposition=attached_pic -of json " +
+                                    test::shellQuote(path));
+    const nlohmann::json probe = nlohmann::json::parse(r.output, nullptr, false);
+    if (probe.is_object())
+        for (const auto& stream : probe.value("streams", nlohmann::json::array()))
+            pictures +=
+                stream.value("disposition", nlohmann::json::object()).value("attached_pic", 0);
+    if (pictures > 0)
+        return pictures;
+    const auto m = test::runCommand(
+        "/usr/bin/python3 -c 'import sys, mutagen; f = mutagen.File(sys.argv[1]); "
+        "print(len(getattr(f, \"pictures\", [])) + "
+        "len((f.tags or {}).get(\"metadata_block_picture\", [])) + "
+        "sum(1 for k in (f.tags or {}).keys() if k.lower().startswith(\"cover art\")))' " +
+        test::shellQuote(path));
+    return std::atoi(m.output.c_str());
+}
+
 const std::vector<Source>& sources() {
     static const std::vector<Source> list = {
         {"u8-stereo-44k", 8, false, 2, 44100, 22050},
@@ -409,43 +456,45 @@ TEST_F(Conformance, TagsAndPictureReachEveryTaggedOutput) {
         SCOPED_TRACE(target.name());
         const Outcome done = encode(target, in, nlohmann::json::object(), metadata);
         ASSERT_TRUE(done.success);
-        // ffprobe reads every container written here (mutagen has no CAF);
-        // pictures show as attached-picture streams.
-        const auto r = test::runCommand(
-            "ffprobe -v error -show_entries format_tags=title,artist:stream_tags=title,artist:"
-            "stream=codec_type:stream_disposition=attached_pic -of json " +
-            test::shellQuote(done.output));
-        ASSERT_EQ(r.exitCode, 0);
-        const nlohmann::json probe = nlohmann::json::parse(r.output);
-        // Containers keep tags on the file, Ogg on its stream.
-        nlohmann::json tags = nlohmann::json::object();
-        std::vector<nlohmann::json> holders = {probe["format"]};
-        for (const auto& stream : probe.value("streams", nlohmann::json::array()))
-            holders.push_back(stream);
-        for (const nlohmann::json& holder : holders) {
-            const nlohmann::json found = holder.value("tags", nlohmann::json::object());
-            for (const auto& [key, value] : found.items())
-                tags[lowercaseASCII(key)] = value;
-        }
+        const nlohmann::json tags = probeTags(done.output);
         EXPECT_EQ(tags.value("title", ""), "Conformance Title");
         EXPECT_EQ(tags.value("artist", ""), "Velvox Tester");
-        if (!target.holdsPictures())
+        if (target.holdsPictures())
+            EXPECT_EQ(pictureCount(done.output), 1);
+    }
+}
+
+TEST_F(Conformance, RetaggingInPlaceChangesTheTagsAndNotTheAudio) {
+    // A tags-only batch rewrites the finished file where it stands: the new
+    // title and the picture's removal arrive, and the reference decoder
+    // finds the very same samples.
+    const std::string in = dir.file("retag.wav");
+    writeSource(in, {"retag", 16, false, 2, 44100, 8820});
+    for (const Target& target : targets()) {
+        if (target.tagKinds().empty())
             continue;
-        int pictures = 0;
-        for (const auto& stream : probe["streams"])
-            pictures += stream["disposition"].value("attached_pic", 0);
-        // Ogg streams keep their picture in the comment, where ffprobe
-        // reports it as a tag rather than a stream; mutagen reads those.
-        if (pictures == 0) {
-            const auto m = test::runCommand(
-                "/usr/bin/python3 -c 'import sys, mutagen; f = mutagen.File(sys.argv[1]); "
-                "print(len(getattr(f, \"pictures\", [])) + "
-                "len((f.tags or {}).get(\"metadata_block_picture\", [])) + "
-                "sum(1 for k in (f.tags or {}).keys() if k.lower().startswith(\"cover art\")))' " +
-                test::shellQuote(done.output));
-            pictures = std::atoi(m.output.c_str());
-        }
-        EXPECT_EQ(pictures, 1);
+        SCOPED_TRACE(target.name());
+        const Outcome done =
+            encode(target, in, nlohmann::json::object(), test::taggedRecord("Before"));
+        ASSERT_TRUE(done.success);
+        const PCM before = referenceDecode(target, done.output);
+        auto changed = test::taggedRecord("After");
+        changed->setAlbumArtwork(nullptr);
+        std::shared_ptr<EncoderSettings> update = target.encoder->makeSettings(target.preset);
+        update->setEncoderAction(EncoderActionUpdateMetadata);
+        std::unique_ptr<EncodeOperation> op = target.encoder->make();
+        op->initWithFilePath(done.output, done.output);
+        op->setSettings(update);
+        op->setDelegate(&batch);
+        op->setMetadata(changed);
+        test::runToEnd(*op);
+        ASSERT_TRUE(op->success());
+        const auto tags = probeTags(done.output);
+        EXPECT_EQ(tags.value("title", ""), "After");
+        if (target.holdsPictures())
+            EXPECT_EQ(pictureCount(done.output), 0);
+        const PCM after = referenceDecode(target, done.output);
+        EXPECT_EQ(after.samples, before.samples);
     }
 }
 

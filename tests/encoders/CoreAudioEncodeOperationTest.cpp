@@ -12,8 +12,6 @@
 
 #include "encoders/CoreAudioEncodeOperation.h"
 #include "encoders/EncoderTestHarness.h"
-#include "jobs/ApplicationController.h"
-#include "jobs/BatchTestSupport.h"
 #include "metadata/AlbumArtwork.h"
 #include "metadata/MetadataFixtures.h"
 #include "platform/StringFormat.h"
@@ -227,7 +225,7 @@ TEST_F(CoreAudioEncodeOperationTest, AACKeepsTheBitRateTheLengthAndTheProfile) {
         EXPECT_EQ(edit.mediaTime, priming);
         EXPECT_EQ(edit.segmentDuration, frames);
         EXPECT_NE(tagsOf(out).find(stringWithFormat("iTunSMPB =  00000000 %08X 00000000 %016X",
-                                                     priming, frames)),
+                                                    priming, frames)),
                   std::string::npos)
             << tagsOf(out);
         const auto decoded = test::samplesFrom(decodedBy("ffmpeg", out), 32);
@@ -243,69 +241,6 @@ TEST_F(CoreAudioEncodeOperationTest, AACKeepsTheBitRateTheLengthAndTheProfile) {
         EXPECT_GE(aligned, 9.0);
         EXPECT_LT(shifted, aligned - 6.0);
         EXPECT_TRUE(op->isItunesCompatible());
-    }
-}
-
-TEST_F(CoreAudioEncodeOperationTest, TagsAndCoverArriveInEveryContainer) {
-    const std::string in = taggedFLAC();
-    struct Case {
-        const char *fileType, *formatID, *extension;
-    } cases[] = {{"m4af", "alac", "m4a"}, {"WAVE", "lpcm", "wav"}, {"AIFF", "lpcm", "aiff"}};
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.extension);
-        use(c.fileType, c.formatID, c.extension);
-        auto op = encode(in, nullptr);
-        ASSERT_TRUE(op->success());
-        const std::string out = *op->outFilePath();
-        const std::string tags = tagsOf(out);
-        EXPECT_NE(tags.find("Grüße"), std::string::npos) << tags;
-        EXPECT_NE(tags.find("東京 Ensemble"), std::string::npos) << tags;
-        EXPECT_NE(tags.find("Proof"), std::string::npos) << tags;
-        EXPECT_NE(tags.find("pictures = 1"), std::string::npos) << tags;
-        if (std::string(c.extension) != "m4a") {
-            EXPECT_EQ(probe("format_tags=title", out), "Grüße\n");
-        }
-    }
-    {
-        SCOPED_TRACE("caf");
-        use("caff", "alac", "caf");
-        auto op = encode(in, nullptr);
-        ASSERT_TRUE(op->success());
-        const std::string out = *op->outFilePath();
-        const auto read = AudioMetadata::metadataFromFile(out);
-        ASSERT_NE(read, nullptr);
-        EXPECT_EQ(read->trackTitle().value_or(""), "Grüße");
-        EXPECT_EQ(read->albumTitle().value_or(""), "Proof");
-        EXPECT_EQ(read->trackArtist().value_or(""), "東京 Ensemble");
-        EXPECT_EQ(probe("format_tags=artist", out), "東京 Ensemble\n");
-    }
-}
-
-TEST_F(CoreAudioEncodeOperationTest, RetaggingInPlaceKeepsTheAudio) {
-    const std::string in = dir.file("plain.wav");
-    test::writeWav(in, test::makeSignal(20000, 2, 16, 3), 2, 44100, 16);
-    struct Case {
-        const char *fileType, *formatID, *extension;
-    } cases[] = {{"m4af", "alac", "m4a"},
-                 {"m4af", "aac ", "m4a"},
-                 {"WAVE", "lpcm", "wav"},
-                 {"AIFF", "lpcm", "aiff"},
-                 {"caff", "lpcm", "caf"}};
-    for (const Case& c : cases) {
-        SCOPED_TRACE(std::string(c.extension) + " " + c.formatID);
-        use(c.fileType, c.formatID, c.extension);
-        auto made = encode(in);
-        ASSERT_TRUE(made->success());
-        const std::string out = *made->outFilePath();
-        const auto before = decodedBy("ffmpeg", out);
-
-        auto record = std::make_shared<AudioMetadata>();
-        record->setTrackTitle("Retitled");
-        record->setAlbumTitle("Second Pressing");
-        auto op = retag(out, record);
-        ASSERT_TRUE(op->success());
-        EXPECT_TRUE(test::sameBytes(decodedBy("ffmpeg", out), before));
-        EXPECT_EQ(probe("format_tags=title", out), "Retitled\n");
     }
 }
 
@@ -364,47 +299,4 @@ TEST_F(CoreAudioEncodeOperationTest, NeXTOutputLogsTheFieldsItCannotCarry) {
                              "Album, Year, Track, Album Artwork"))
         << (log.lines().empty() ? "" : log.lines().back());
     EXPECT_FALSE(op->isItunesCompatible());
-}
-
-// The controller's "skip files of the same type" with the real encoder in
-// place: a WAV is not re-encoded to WAV, Apple Lossless in M4A is not AAC
-// and so is encoded, and what is encoded decodes to the source.
-using CoreAudioEncoderInABatchTest = test::BatchTest;
-
-TEST_F(CoreAudioEncoderInABatchTest, FilesOfTheSameTypeAreSkippedAndTheRestEncoded) {
-    prefs.set("skipFilesOfSameType", true);
-    const auto signal = test::makeSignal(22050, 2, 16, 9);
-    test::writeWav(in.file("pcm.wav"), signal, 2, 44100, 16);
-    ASSERT_EQ(test::runCommand("ffmpeg -v error -y -i " + test::shellQuote(in.file("pcm.wav")) +
-                               " -c:a alac " + test::shellQuote(in.file("lossless.m4a")))
-                  .exitCode,
-              0);
-    auto format = [](const char* fileType, const char* formatID, const char* extension) {
-        auto settings = std::make_shared<EncoderSettings>();
-        settings->setEnabled(true);
-        settings->setEncoderType(EncoderTypeCoreAudio);
-        settings->setFileType(code(fileType));
-        settings->setFormatID(code(formatID));
-        settings->setExtension(extension);
-        settings->setBitrate(192000);
-        return settings;
-    };
-    controller.setEncoderSettings({format("WAVE", "lpcm", "wav"), format("m4af", "aac ", "m4a")});
-    test::drop(controller, {in.file("pcm.wav"), in.file("lossless.m4a")});
-    runBatch();
-
-    EXPECT_FALSE(fs::exists(out.path() / "pcm.wav"));
-    for (const char* name : {"pcm.m4a", "lossless.m4a"}) {
-        const std::string codec =
-            test::runCommand("ffprobe -v error -show_entries stream=codec_name -of csv=p=0 " +
-                             test::shellQuote((out.path() / name).string()))
-                .output;
-        EXPECT_EQ(codec, "aac\n") << name;
-    }
-    const std::string wav = (out.path() / "lossless.wav").string();
-    ASSERT_TRUE(fs::exists(wav));
-    const auto raw =
-        test::runCommand("ffmpeg -v error -i " + test::shellQuote(wav) + " -f s16le - | md5sum")
-            .output;
-    EXPECT_EQ(raw.substr(0, 32), test::md5Hex(test::packLittleEndian(signal, 16)));
 }

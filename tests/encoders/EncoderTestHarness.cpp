@@ -146,16 +146,6 @@ std::map<std::string, std::string> mutagenFacts(const std::string& script,
     return facts;
 }
 
-const char* const kMutagenVorbisCommentsScript = R"PY(
-import sys, base64, hashlib, mutagen
-from mutagen.flac import Picture
-t = mutagen.File(sys.argv[1]).tags
-print(t['title'][0]); print(t['artist'][0]); print(t['tracknumber'][0])
-pics = [Picture(base64.b64decode(v)) for v in t.get('metadata_block_picture', [])]
-print(len(pics))
-for p in pics: print(p.type, p.mime, hashlib.md5(p.data).hexdigest())
-)PY";
-
 std::shared_ptr<AudioMetadata> taggedRecord(const std::string& title) {
     auto record = std::make_shared<AudioMetadata>();
     record->setTrackTitle(title);

@@ -84,9 +84,6 @@ std::string toolReport(const std::string& command, const std::string& path,
 std::string mutagen(const std::string& script, const std::string& path);
 // The same, its "key=value" lines as a map.
 std::map<std::string, std::string> mutagenFacts(const std::string& script, const std::string& path);
-// Prints title, artist, track number, the picture count and each picture's
-// type, MIME type and MD5 of a file with Vorbis comments.
-extern const char* const kMutagenVorbisCommentsScript;
 
 // A record with the common fields and a 9x7 PNG front cover.
 std::shared_ptr<AudioMetadata> taggedRecord(const std::string& title);

@@ -280,30 +280,3 @@ TEST_F(MP3EncodeOperationTest, ID3v1AndAPETagsOnlyWhenAskedFor) {
     // With the APE tag gone, the Xing frame's stream size is exact again.
     expectValid(out);
 }
-
-TEST_F(MP3EncodeOperationTest, RetaggingLeavesTheAudioAlone) {
-    const std::string in = wav("plain", test::tones(44100 * 2, 2, 44100, 16), 2, 44100, 16);
-    auto op = encode(in);
-    ASSERT_TRUE(op->success());
-    const std::string out = *op->outFilePath();
-    const auto pcmBefore = decoded(out);
-    ASSERT_EQ(pcmBefore.size(), 44100u * 2 * 2);
-
-    auto record = std::make_shared<AudioMetadata>();
-    record->setTrackTitle("Second Thoughts");
-    auto artwork = std::make_shared<AlbumArtwork>();
-    artwork->setData(test::pngBytes(16, 16));
-    record->setAlbumArtwork(artwork);
-    prefs.set("writeMP3ApeTag", true);
-    auto update = retag(out, record);
-    ASSERT_TRUE(update->success());
-    EXPECT_EQ(update->outFilePath(), out);
-
-    EXPECT_TRUE(decoded(out) == pcmBefore);
-    EXPECT_EQ(
-        test::mutagen("import sys, mutagen.id3 as m\n"
-                      "t = m.ID3(sys.argv[1]); print(t['TIT2'].text[0], len(t.getall('APIC')))",
-                      out),
-        "Second Thoughts 1\n");
-    expectValid(out, true);
-}

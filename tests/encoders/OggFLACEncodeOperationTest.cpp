@@ -1,6 +1,6 @@
 // The Ogg FLAC encoder end to end: the header packets and serial number read
-// straight from the Ogg pages, the tags and picture read by mutagen, the
-// audio decoded back by the reference flac tool.
+// straight from the Ogg pages, the audio decoded back by the reference flac
+// tool.
 
 #include <ctime>
 #include <filesystem>
@@ -10,7 +10,6 @@
 
 #include "encoders/EncoderTestHarness.h"
 #include "encoders/OggFLACEncodeOperation.h"
-#include "metadata/MetadataFixtures.h"
 
 using namespace velvox;
 namespace fs = std::filesystem;
@@ -56,21 +55,6 @@ OggStream firstStream(const std::vector<uint8_t>& bytes, size_t packetLimit) {
     }
     return stream;
 }
-
-constexpr const char* kMutagenOggFLAC = R"(
-import sys, base64, hashlib
-from mutagen.oggflac import OggFLAC
-from mutagen.flac import Picture
-f = OggFLAC(sys.argv[1])
-for k in ('title', 'artist', 'album', 'composer', 'genre', 'date', 'tracknumber', 'bpm',
-          'description', 'encodedby'):
-    print(k + '=' + '|'.join(f.get(k, [])))
-pictures = [Picture(base64.b64decode(v)) for v in f.get('metadata_block_picture', [])]
-print('pictures=%d' % len(pictures))
-for p in pictures:
-    print('picture=%d %s %s' % (p.type, p.mime, hashlib.md5(p.data).hexdigest()))
-print('channels=%d' % f.info.channels)
-)";
 
 class OggFLACEncodeOperationTest : public test::EncoderTest<OggFLACEncodeOperation> {
 protected:
@@ -157,39 +141,4 @@ TEST_F(OggFLACEncodeOperationTest, EncodesStartedInTheSameSecondShareTheSerialNu
         return;
     }
     FAIL() << "no two encodes ran within one second";
-}
-
-TEST_F(OggFLACEncodeOperationTest, TagsAndPictureReachMutagenAndRetaggingKeepsTheAudio) {
-    std::vector<int32_t> samples;
-    const std::string in = makeSource({"tagged", 2, 16, 44100, 0}, samples);
-    auto record = test::taggedRecord("First Title");
-    auto op = encode(in, record);
-    ASSERT_TRUE(op->success());
-    const std::string out = *op->outFilePath();
-
-    auto facts = test::mutagenFacts(kMutagenOggFLAC, out);
-    EXPECT_EQ(facts["title"], "First Title");
-    EXPECT_EQ(facts["artist"], "Ünïcode Artist");
-    EXPECT_EQ(facts["album"], "Lossless Album");
-    EXPECT_EQ(facts["composer"], "A. Composer");
-    EXPECT_EQ(facts["date"], "2024");
-    EXPECT_EQ(facts["tracknumber"], "7");
-    EXPECT_EQ(facts["description"], "made by the encoder tests");
-    EXPECT_EQ(
-        facts["encodedby"].rfind(std::string("FLAC ") + FLAC__VERSION_STRING + " via Velvox ", 0),
-        0u)
-        << facts["encodedby"];
-    EXPECT_EQ(facts["pictures"], "1");
-    EXPECT_EQ(facts["picture"], "3 image/png " + test::md5Hex(test::pngBytes(9, 7)));
-
-    const auto before = decoded(out);
-    EXPECT_TRUE(test::sameBytes(before, test::packLittleEndian(samples, 16)));
-    auto second = test::taggedRecord("Second Title");
-    second->setAlbumArtwork(nullptr);
-    auto update = retag(out, second);
-    ASSERT_TRUE(update->success());
-    facts = test::mutagenFacts(kMutagenOggFLAC, out);
-    EXPECT_EQ(facts["title"], "Second Title");
-    EXPECT_EQ(facts["pictures"], "0");
-    EXPECT_TRUE(test::sameBytes(decoded(out), before));
 }

@@ -1,6 +1,5 @@
 // The Ogg Opus encoder end to end: real sources in, .opus files out, checked
-// with opusinfo (stream validity), opusdec (decoded length and alignment),
-// ffprobe and mutagen (tags).
+// with opusinfo (stream validity) and opusdec (decoded length and alignment).
 
 #include <algorithm>
 #include <cstring>
@@ -236,37 +235,4 @@ TEST_F(OggOpusEncodeOperationTest, BitRateBoundsFrameSizeAndSurroundMapping) {
             }
         }
     }
-}
-
-TEST_F(OggOpusEncodeOperationTest, TagsAndPictureArriveAndRetaggingKeepsTheAudio) {
-    const std::string source = dir.file("tagged.flac");
-    const std::vector<uint8_t> cover = test::makeTaggedFLAC(dir, source);
-    std::shared_ptr<AudioMetadata> record = AudioMetadata::metadataFromFile(source);
-    ASSERT_TRUE(record);
-    auto op = encode(source, record);
-    ASSERT_TRUE(op->success());
-    const std::string out = *op->outFilePath();
-    validated(out);
-    EXPECT_EQ(test::mutagen(test::kMutagenVorbisCommentsScript, out),
-              "Grüße\n東京 Ensemble\n7\n1\n3 image/png " + test::md5Hex(cover) + "\n");
-    const std::string probe =
-        test::runCommand("ffprobe -v error -show_entries "
-                         "format_tags=title,encodedby:stream_tags=title,encodedby "
-                         "-of default=nw=1 " +
-                         test::shellQuote(out))
-            .output;
-    EXPECT_NE(probe.find("TAG:TITLE=Grüße"), std::string::npos) << probe;
-    EXPECT_NE(probe.find("via Velvox"), std::string::npos) << probe;
-
-    // The update-metadata path: the same file, new tags, the same audio.
-    const auto before = decoded(out, 48000);
-    auto changed = std::make_shared<AudioMetadata>(*record);
-    changed->setTrackTitle(std::string("Retitled"));
-    changed->setAlbumArtwork(nullptr);
-    auto update = retag(out, changed);
-    ASSERT_TRUE(update->success());
-    validated(out);
-    EXPECT_EQ(test::mutagen(test::kMutagenVorbisCommentsScript, out),
-              "Retitled\n東京 Ensemble\n7\n0\n");
-    EXPECT_EQ(decoded(out, 48000), before);
 }

@@ -1,6 +1,6 @@
 // The Ogg Vorbis encoder end to end: real sources in, Ogg Vorbis files out,
 // checked with the reference tools (ogginfo validates, oggdec and ffmpeg
-// decode, mutagen and ffprobe read the tags).
+// decode).
 
 #include <filesystem>
 #include <string>
@@ -9,7 +9,6 @@
 
 #include "encoders/EncoderTestHarness.h"
 #include "encoders/OggVorbisEncodeOperation.h"
-#include "metadata/AlbumArtwork.h"
 #include "metadata/MetadataFixtures.h"
 
 using namespace velvox;
@@ -158,47 +157,4 @@ TEST_F(OggVorbisEncodeOperationTest, QualityAndUnknownModes) {
         EXPECT_FALSE(fs::exists(dir.file("out/q.oga")));
         EXPECT_TRUE(tmp.isEmpty());
     }
-}
-
-TEST_F(OggVorbisEncodeOperationTest, TagsAndCoverArriveAndRetaggingKeepsTheAudio) {
-    const std::string flac = dir.file("tagged.flac");
-    const auto cover = test::makeTaggedFLAC(dir, flac);
-    auto op = encode(flac, nullptr);
-    ASSERT_TRUE(op->success());
-    const std::string out = *op->outFilePath();
-    validated(out);
-    const char* script =
-        "import sys, base64, hashlib\n"
-        "from mutagen.oggvorbis import OggVorbis\nfrom mutagen.flac import Picture\n"
-        "t = OggVorbis(sys.argv[1])\n"
-        "p = [Picture(base64.b64decode(b)) for b in t.get('metadata_block_picture', [])]\n"
-        "print(t['title'][0], t['artist'][0], t['tracknumber'][0], len(p),\n"
-        "      hashlib.md5(p[0].data).hexdigest() if p else '-', p[0].type if p else '-',\n"
-        "      p[0].mime if p else '-', sep='|')\n";
-    EXPECT_EQ(test::mutagen(script, out),
-              "Grüße|東京 Ensemble|7|1|" + test::md5Hex(cover) + "|3|image/png\n");
-    EXPECT_EQ(test::runCommand("ffprobe -v error -show_entries format_tags=title:stream_tags=title "
-                               "-of default=nw=1:nk=1 " +
-                               test::shellQuote(out))
-                  .output.find("Grüße"),
-              0u);
-    const auto pcmBefore = oggdec(out);
-
-    auto record = std::make_shared<AudioMetadata>();
-    record->setTrackTitle("Second Thoughts");
-    auto artwork = std::make_shared<AlbumArtwork>();
-    const auto bigger = test::jpegBytes(64, 64);
-    artwork->setData(bigger);
-    record->setAlbumArtwork(artwork);
-    auto update = retag(out, record);
-    ASSERT_TRUE(update->success());
-    validated(out);
-    EXPECT_TRUE(oggdec(out) == pcmBefore);
-    const std::string after =
-        test::mutagen("import sys, base64, hashlib\nfrom mutagen.oggvorbis import OggVorbis\n"
-                      "from mutagen.flac import Picture\nt = OggVorbis(sys.argv[1])\n"
-                      "p = [Picture(base64.b64decode(b)) for b in t['metadata_block_picture']]\n"
-                      "print(t['title'][0], len(p), hashlib.md5(p[0].data).hexdigest(), sep='|')\n",
-                      out);
-    EXPECT_EQ(after, "Second Thoughts|1|" + test::md5Hex(bigger) + "\n");
 }

@@ -1,6 +1,5 @@
 // The True Audio encoder end to end: the bit-depth setting decoded back by
-// ffmpeg, its refusals, ID3v2 read by mutagen and ID3v1 read from the file's
-// last 128 bytes.
+// ffmpeg, and its refusals.
 
 #include <filesystem>
 
@@ -8,41 +7,11 @@
 
 #include "encoders/EncoderTestHarness.h"
 #include "encoders/TrueAudioEncodeOperation.h"
-#include "metadata/MetadataFixtures.h"
 
 using namespace velvox;
 namespace fs = std::filesystem;
 
 namespace {
-
-constexpr const char* kMutagenTrueAudio = R"(
-import sys, hashlib
-from mutagen.trueaudio import TrueAudio
-f = TrueAudio(sys.argv[1])
-t = f.tags
-print('version=%d.%d' % t.version[:2])
-for fid in ('TIT2', 'TPE1', 'TALB', 'TCOM', 'TCON', 'TDRC', 'TRCK', 'TBPM', 'TENC'):
-    print(fid + '=' + (str(t[fid]) if fid in t else ''))
-comments = [c for c in t.getall('COMM') if c.desc == '']
-print('COMM=' + (str(comments[0]) if comments else ''))
-pictures = t.getall('APIC')
-print('pictures=%d' % len(pictures))
-for p in pictures:
-    print('picture=%d %s %s' % (p.type, p.mime, hashlib.md5(p.data).hexdigest()))
-print('rate=%d' % f.info.sample_rate)
-)";
-
-// The ID3v1 tag's title and artist, straight from the last 128 bytes.
-std::pair<std::string, std::string> id3v1TitleAndArtist(const std::string& path) {
-    const auto bytes = test::readFile(path);
-    if (bytes.size() < 128 || std::string(bytes.end() - 128, bytes.end() - 125) != "TAG")
-        return {};
-    auto field = [&](size_t offset) {
-        std::string text(bytes.end() - 128 + long(offset), bytes.end() - 128 + long(offset) + 30);
-        return text.substr(0, text.find('\0'));
-    };
-    return {field(3), field(33)};
-}
 
 class TrueAudioEncodeOperationTest : public test::EncoderTest<TrueAudioEncodeOperation> {
 protected:
@@ -106,43 +75,4 @@ TEST_F(TrueAudioEncodeOperationTest, BitDepthSettingWidensAndThirtyTwoBitsAreRef
         EXPECT_TRUE(outputFolderIsEmpty());
         EXPECT_TRUE(tmp.isEmpty());
     }
-}
-
-TEST_F(TrueAudioEncodeOperationTest, ID3TagsReachMutagenAndRetaggingKeepsTheAudio) {
-    std::vector<int32_t> samples;
-    const std::string in = makeSource({"tagged", 2, 16, 44100, 0}, samples);
-    auto op = encode(in, test::taggedRecord("First Title"));
-    ASSERT_TRUE(op->success());
-    const std::string out = *op->outFilePath();
-
-    auto facts = test::mutagenFacts(kMutagenTrueAudio, out);
-    EXPECT_EQ(facts["version"], "2.4");
-    EXPECT_EQ(facts["TIT2"], "First Title");
-    EXPECT_EQ(facts["TPE1"], "Ünïcode Artist");
-    EXPECT_EQ(facts["TALB"], "Lossless Album");
-    EXPECT_EQ(facts["TCOM"], "A. Composer");
-    EXPECT_EQ(facts["TCON"], "Ambient");
-    EXPECT_EQ(facts["TDRC"], "2024");
-    EXPECT_EQ(facts["TRCK"].rfind("7", 0), 0u) << facts["TRCK"];
-    EXPECT_EQ(facts["TBPM"], "120");
-    EXPECT_EQ(facts["COMM"], "made by the encoder tests");
-    EXPECT_EQ(facts["TENC"].rfind("libtta++ 2.2 via Velvox ", 0), 0u) << facts["TENC"];
-    EXPECT_EQ(facts["pictures"], "1");
-    EXPECT_EQ(facts["picture"], "3 image/png " + test::md5Hex(test::pngBytes(9, 7)));
-    EXPECT_EQ(facts["rate"], "44100");
-    // ID3v1 holds Latin-1 only: the artist's accents survive, as Latin-1.
-    const auto [title, artist] = id3v1TitleAndArtist(out);
-    EXPECT_EQ(title, "First Title");
-    EXPECT_EQ(artist, "\xDCn\xEF"
-                      "code Artist");
-
-    const auto before = decoded(out, 16);
-    EXPECT_TRUE(test::sameBytes(before, test::packLittleEndian(samples, 16)));
-    auto update = retag(out, test::taggedRecord("Second Title"));
-    ASSERT_TRUE(update->success());
-    facts = test::mutagenFacts(kMutagenTrueAudio, out);
-    EXPECT_EQ(facts["TIT2"], "Second Title");
-    EXPECT_EQ(facts["pictures"], "1");
-    EXPECT_EQ(id3v1TitleAndArtist(out).first, "Second Title");
-    EXPECT_TRUE(test::sameBytes(decoded(out, 16), before));
 }
