@@ -6,6 +6,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
@@ -103,9 +104,9 @@ public:
         // background job of a non-interactive shell starts with SIGINT ignored.
         const std::string script =
             "rm -f " + shellQuote(outPath) + "; " + velvoxCommand(args) + " </dev/null >" +
-            shellQuote(outPath) + " 2>" +
-            shellQuote(errorPath()) + " & pid=$!; i=0; while ! grep -q " +
-            shellQuote("^" + trigger) + " " + shellQuote(outPath) +
+            shellQuote(outPath) + " 2>" + shellQuote(errorPath()) +
+            " & pid=$!; i=0; while ! grep -q " + shellQuote("^" + trigger) + " " +
+            shellQuote(outPath) +
             " 2>/dev/null && [ $i -lt 1200 ]; do sleep 0.05; i=$((i+1)); done; t0=$(date +%s%N); " +
             kills + "wait $pid; echo $? $(( ($(date +%s%N) - t0) / 1000000 )) >" +
             shellQuote(outPath + ".status");
@@ -185,6 +186,28 @@ inline void mustRun(const std::string& command) {
 }
 
 inline std::string fileMD5(const std::string& path) { return md5Hex(readFile(path)); }
+
+inline bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+// Every regular file below a folder, relative to it, sorted.
+inline std::vector<std::string> filesBelow(const std::string& folder) {
+    std::vector<std::string> files;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(folder))
+        if (entry.is_regular_file())
+            files.push_back(std::filesystem::relative(entry.path(), folder).string());
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+// One of metaflac's --show-* answers, without the line end.
+inline std::string metaflacShow(const std::string& option, const std::string& path) {
+    std::string out = runCommand("metaflac " + option + " " + shellQuote(path)).output;
+    while (!out.empty() && out.back() == '\n')
+        out.pop_back();
+    return out;
+}
 
 // The MD5 of what a command writes to standard output (binary safe).
 inline std::string md5OfCommandOutput(const std::string& command) {

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cstdio>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -13,77 +12,12 @@
 
 #include "cli/BatchCommandSandbox.h"
 
-extern char** environ;
-
 using namespace velvox::test;
 namespace fs = std::filesystem;
 
 namespace {
 
 // ---- Fixtures ----
-
-void putBE32(std::vector<uint8_t>& v, uint32_t x) {
-    for (int shift : {24, 16, 8, 0})
-        v.push_back(uint8_t(x >> shift));
-}
-
-void putLE32(std::vector<uint8_t>& v, uint32_t x) {
-    for (int shift : {0, 8, 16, 24})
-        v.push_back(uint8_t(x >> shift));
-}
-
-// An ID3v2.3 tag of text frames and, when given, one front-cover picture.
-std::vector<uint8_t> id3v23Tag(const std::vector<std::pair<std::string, std::string>>& texts,
-                               const std::vector<uint8_t>& png) {
-    std::vector<uint8_t> frames;
-    auto frame = [&frames](const std::string& id, const std::vector<uint8_t>& body) {
-        frames.insert(frames.end(), id.begin(), id.end());
-        putBE32(frames, uint32_t(body.size())); // v2.3 frame sizes are plain
-        frames.push_back(0);
-        frames.push_back(0);
-        frames.insert(frames.end(), body.begin(), body.end());
-    };
-    for (const auto& [id, text] : texts) {
-        std::vector<uint8_t> body{0x00}; // ISO-8859-1: the texts are ASCII
-        body.insert(body.end(), text.begin(), text.end());
-        frame(id, body);
-    }
-    if (!png.empty()) {
-        const std::string mime = "image/png";
-        std::vector<uint8_t> body{0x00};
-        body.insert(body.end(), mime.begin(), mime.end());
-        body.push_back(0);
-        body.push_back(0x03); // front cover
-        body.push_back(0);    // empty description
-        body.insert(body.end(), png.begin(), png.end());
-        frame("APIC", body);
-    }
-    std::vector<uint8_t> tag{'I', 'D', '3', 3, 0, 0};
-    const uint32_t size = uint32_t(frames.size());
-    for (int shift : {21, 14, 7, 0})
-        tag.push_back(uint8_t((size >> shift) & 0x7F)); // synch-safe
-    tag.insert(tag.end(), frames.begin(), frames.end());
-    return tag;
-}
-
-// Appends an ID3 chunk to a WAVE ("id3 ", little-endian sizes) or AIFF
-// ("ID3 ", big-endian) file and fixes the container's size.
-void appendID3Chunk(const std::string& path, const std::vector<uint8_t>& tag, bool aiff) {
-    std::vector<uint8_t> bytes = readFile(path);
-    ASSERT_GE(bytes.size(), 12u);
-    const std::string id = aiff ? "ID3 " : "id3 ";
-    bytes.insert(bytes.end(), id.begin(), id.end());
-    std::vector<uint8_t> size;
-    aiff ? putBE32(size, uint32_t(tag.size())) : putLE32(size, uint32_t(tag.size()));
-    bytes.insert(bytes.end(), size.begin(), size.end());
-    bytes.insert(bytes.end(), tag.begin(), tag.end());
-    if (tag.size() % 2)
-        bytes.push_back(0);
-    std::vector<uint8_t> total;
-    aiff ? putBE32(total, uint32_t(bytes.size() - 8)) : putLE32(total, uint32_t(bytes.size() - 8));
-    std::copy(total.begin(), total.end(), bytes.begin() + 4);
-    writeFile(path, bytes);
-}
 
 // A WAVE file of our own signal (every channel different), optionally
 // turned into AIFF or FLAC by SoX.
@@ -107,13 +41,6 @@ std::string soxInfo(const std::string& option, const std::string& path) {
     return out;
 }
 
-std::string metaflacShow(const std::string& option, const std::string& path) {
-    std::string out = runCommand("metaflac " + option + " " + shellQuote(path)).output;
-    while (!out.empty() && out.back() == '\n')
-        out.pop_back();
-    return out;
-}
-
 std::string tagValue(const std::multimap<std::string, std::string>& tags, const std::string& key) {
     const auto range = tags.equal_range(key);
     if (range.first == range.second)
@@ -127,97 +54,64 @@ std::vector<uint8_t> bytesOf(const std::string& text) {
     return std::vector<uint8_t>(text.begin(), text.end());
 }
 
-bool contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
-
-// Every regular file below a folder, relative to it, sorted.
-std::vector<std::string> filesBelow(const std::string& folder) {
-    std::vector<std::string> files;
-    for (const auto& entry : fs::recursive_directory_iterator(folder))
-        if (entry.is_regular_file())
-            files.push_back(fs::relative(entry.path(), folder).string());
-    std::sort(files.begin(), files.end());
-    return files;
-}
-
 } // namespace
 
 // ---------------------------------------------------------------------------
 
 TEST(ConvertCommand, LosslessSourcesArriveBitExactWithTagsAndPictureWhereTheTemplateSays) {
+    // Every layout and sample size is the encoders' own concern; here each
+    // container and size once, through the program, the template and the
+    // tag carry. The WAVE and AIFF sources are untagged: the template's
+    // fallbacks name them.
     CommandSandbox box;
     struct Source {
-        std::string path;
+        std::string path, title, md5, expected;
         uint32_t bits = 0;
-        std::string title;
-        std::string album;
-        int track = 0;
-        std::vector<uint8_t> cover;
-        std::string md5;
-        std::string expected; // output path
+        bool tagged = false;
     };
     std::vector<Source> sources;
-    const std::string artist = "Velvox Ensemble";
+    const std::string artist = "Velvox Ensemble", album = "Album";
+    const std::string cover = box.scratch("cover.png");
+    ASSERT_NO_FATAL_FAILURE(writePNG(cover, 20, 12, 1));
     uint32_t seed = 1;
+    int track = 0;
     for (const std::string container : {"wav", "aiff", "flac"}) {
-        const std::string cover = box.scratch("cover-" + container + ".png");
-        ASSERT_NO_FATAL_FAILURE(writePNG(cover, 20, 12, seed));
-        int track = 0;
         for (const uint32_t bits : {16u, 24u}) {
-            for (const uint32_t channels : {1u, 2u, 6u}) {
-                Source s;
-                s.bits = bits;
-                s.track = ++track;
-                s.album = "Album " + container;
+            Source s;
+            s.bits = bits;
+            s.tagged = container == "flac";
+            const uint32_t channels = bits == 16 ? 2 : 6;
+            const std::string stem =
+                container + "-" + std::to_string(bits) + "-" + std::to_string(channels);
+            s.path = box.src(stem + "." + container);
+            ASSERT_NO_FATAL_FAILURE(makeSource(s.path, bits == 16 ? 44100 : 96000, bits, channels,
+                                               bits == 16 ? 11025 : 24000, seed++));
+            if (s.tagged) {
                 // The slash must not make a folder: it becomes ":".
                 s.title = container + " " + std::to_string(bits) + "/" + std::to_string(channels);
-                s.path = box.src(container + "-" + std::to_string(bits) + "-" +
-                                 std::to_string(channels) + "." + container);
-                s.cover = readFile(cover);
-                ASSERT_NO_FATAL_FAILURE(makeSource(s.path, bits == 16 ? 44100 : 96000, bits,
-                                                   channels, bits == 16 ? 11025 : 24000, seed++));
-                const std::string trackText = std::to_string(s.track);
-                if (container == "flac") {
-                    ASSERT_NO_FATAL_FAILURE(
-                        tagFLAC(s.path,
-                                {"TITLE=" + s.title, "ARTIST=" + artist, "ALBUM=" + s.album,
-                                 "ALBUMARTIST=" + artist, "TRACKNUMBER=" + trackText},
-                                cover));
-                } else {
-                    ASSERT_NO_FATAL_FAILURE(appendID3Chunk(s.path,
-                                                           id3v23Tag({{"TIT2", s.title},
-                                                                      {"TPE1", artist},
-                                                                      {"TALB", s.album},
-                                                                      {"TPE2", artist},
-                                                                      {"TRCK", trackText}},
-                                                                     s.cover),
-                                                           container == "aiff"));
-                }
-                char number[8];
-                std::snprintf(number, sizeof number, "%02d", s.track);
+                const std::string number = std::to_string(++track);
+                ASSERT_NO_FATAL_FAILURE(
+                    tagFLAC(s.path,
+                            {"TITLE=" + s.title, "ARTIST=" + artist, "ALBUM=" + album,
+                             "ALBUMARTIST=" + artist, "TRACKNUMBER=" + number},
+                            cover));
                 s.expected =
-                    box.out(artist + "/" + s.album + "/" + number + " - " + container + " " +
+                    box.out(artist + "/" + album + "/0" + number + " - " + container + " " +
                             std::to_string(bits) + ":" + std::to_string(channels) + ".flac");
-                s.md5 = fileMD5(s.path);
-                sources.push_back(s);
+            } else {
+                s.expected = box.out("Unknown Artist/Unknown Album/" + stem + ".flac");
             }
+            s.md5 = fileMD5(s.path);
+            sources.push_back(s);
         }
     }
-    // One without any tags: the template's fallbacks name it.
-    Source plain;
-    plain.path = box.src("plain.wav");
-    plain.bits = 16;
-    ASSERT_NO_FATAL_FAILURE(makeSource(plain.path, 44100, 16, 2, 4410, 99));
-    plain.expected = box.out("Unknown Artist/Unknown Album/plain.flac");
-    plain.md5 = fileMD5(plain.path);
 
     const Outcome r =
         box.run("convert -f flac -j 2 -o " + shellQuote(box.out()) +
                 " --naming '{albumArtist}/{albumTitle}/{trackNumber - }{trackTitle}' " +
                 shellQuote(box.src()));
     ASSERT_EQ(r.exitCode, 0) << r.out << r.err;
-    EXPECT_TRUE(contains(r.out, "19 converted, 0 skipped, 0 failed.\n")) << r.out;
+    EXPECT_TRUE(contains(r.out, "6 converted, 0 skipped, 0 failed.\n")) << r.out;
 
     for (const Source& s : sources) {
         SCOPED_TRACE(s.path);
@@ -226,81 +120,27 @@ TEST(ConvertCommand, LosslessSourcesArriveBitExactWithTagsAndPictureWhereTheTemp
         ASSERT_TRUE(fs::exists(s.expected));
         EXPECT_EQ(pcmMD5ByFlac(s.expected), pcmMD5BySox(s.path, s.bits));
         EXPECT_EQ(metaflacShow("--show-sample-rate", s.expected), soxInfo("-r", s.path));
-        EXPECT_EQ(metaflacShow("--show-channels", s.expected), soxInfo("-c", s.path));
         EXPECT_EQ(metaflacShow("--show-bps", s.expected), std::to_string(s.bits));
 
         const auto tags = flacTags(s.expected);
-        EXPECT_EQ(tagValue(tags, "TITLE"), s.title);
-        EXPECT_EQ(tagValue(tags, "ARTIST"), artist);
-        EXPECT_EQ(tagValue(tags, "ALBUMARTIST"), artist);
-        EXPECT_EQ(tagValue(tags, "ALBUM"), s.album);
-        EXPECT_EQ(tagValue(tags, "TRACKNUMBER"), std::to_string(s.track));
-
         const auto pictures = flacPictures(s.expected);
-        ASSERT_EQ(pictures.size(), 1u);
-        EXPECT_EQ(pictures[0].type, 3);
-        EXPECT_EQ(pictures[0].mimeType, "image/png");
-        EXPECT_EQ(flacPictureData(s.expected, box.scratch("exported")), s.cover);
-
+        if (s.tagged) {
+            EXPECT_EQ(tagValue(tags, "TITLE"), s.title);
+            EXPECT_EQ(tagValue(tags, "ARTIST"), artist);
+            EXPECT_EQ(tagValue(tags, "ALBUMARTIST"), artist);
+            EXPECT_EQ(tagValue(tags, "ALBUM"), album);
+            ASSERT_EQ(pictures.size(), 1u);
+            EXPECT_EQ(pictures[0].type, 3);
+            EXPECT_EQ(pictures[0].mimeType, "image/png");
+            EXPECT_EQ(flacPictureData(s.expected, box.scratch("exported")), readFile(cover));
+        } else {
+            EXPECT_EQ(tagValue(tags, "ARTIST"), "(absent)");
+            EXPECT_EQ(pictures.size(), 0u);
+        }
         EXPECT_EQ(fileMD5(s.path), s.md5) << "the source was changed";
     }
-
-    EXPECT_TRUE(contains(r.out, plain.path + " -> " + plain.expected + "\n")) << r.out;
-    EXPECT_EQ(pcmMD5ByFlac(plain.expected), pcmMD5BySox(plain.path, 16));
-    EXPECT_EQ(flacPictures(plain.expected).size(), 0u);
-    EXPECT_EQ(tagValue(flacTags(plain.expected), "ARTIST"), "(absent)");
-    EXPECT_EQ(fileMD5(plain.path), plain.md5);
-
     // Nothing else was made, and nothing was left behind.
-    EXPECT_EQ(filesBelow(box.out()).size(), sources.size() + 1);
-    EXPECT_EQ(box.temporaryLeftovers(), std::vector<std::string>{});
-}
-
-TEST(ConvertCommand, CorruptAndMissingInputsFailAloneAndAreNamed) {
-    CommandSandbox box;
-    const std::string a = box.src("a.wav"), c = box.src("c.wav");
-    ASSERT_NO_FATAL_FAILURE(makeSource(a, 44100, 16, 2, 8820, 1));
-    ASSERT_NO_FATAL_FAILURE(makeSource(c, 48000, 24, 1, 9600, 2));
-    // Noise under a FLAC name; noise behind a FLAC signature and a
-    // STREAMINFO header; a WAVE header that claims far more than there is.
-    std::vector<uint8_t> noise(6000);
-    uint32_t x = 12345;
-    for (uint8_t& byte : noise)
-        byte = uint8_t((x = x * 1103515245u + 12345u) >> 24);
-    const std::string garbage = box.src("b-garbage.flac");
-    writeFile(garbage, noise);
-    std::vector<uint8_t> signed_ = {'f', 'L', 'a', 'C', 0x00, 0x00, 0x00, 0x22};
-    signed_.insert(signed_.end(), noise.begin(), noise.end());
-    const std::string fakeFlac = box.src("b-signature.flac");
-    writeFile(fakeFlac, signed_);
-    std::vector<uint8_t> wave = {'R', 'I', 'F', 'F', 0xFF, 0xFF, 0xFF, 0x7F,
-                                 'W', 'A', 'V', 'E', 'f',  'm',  't',  ' '};
-    wave.insert(wave.end(), noise.begin(), noise.end());
-    const std::string fakeWave = box.src("b-header.wav");
-    writeFile(fakeWave, wave);
-    const std::string missing = box.src("not-there.wav");
-
-    const Outcome r = box.run("convert -f flac -o " + shellQuote(box.out()) + " " +
-                              shellQuote(box.src()) + " " + shellQuote(missing));
-    EXPECT_EQ(r.exitCode, 1) << r.out << r.err;
-
-    // The good ones converted, whatever came between them.
-    EXPECT_EQ(filesBelow(box.out()), (std::vector<std::string>{"a.flac", "c.flac"}));
-    EXPECT_EQ(pcmMD5ByFlac(box.out("a.flac")), pcmMD5BySox(a, 16));
-    EXPECT_EQ(pcmMD5ByFlac(box.out("c.flac")), pcmMD5BySox(c, 24));
-
-    for (const std::string& bad : {garbage, fakeFlac, fakeWave}) {
-        EXPECT_TRUE(contains(r.out, "FAILED: " + bad + "\n")) << r.out;
-        // The error log names it.
-        const size_t log = r.err.find("Error log:\n");
-        ASSERT_NE(log, std::string::npos) << r.err;
-        EXPECT_NE(r.err.find(bad, log), std::string::npos) << r.err;
-    }
-    EXPECT_TRUE(contains(r.err, "velvox: " + missing + ": No such file or directory\n")) << r.err;
-    // The missing input counts as failed in the summary; the controller's
-    // report counts the files it tried.
-    EXPECT_TRUE(contains(r.out, "2 converted, 0 skipped, 4 failed.\n")) << r.out;
-    EXPECT_TRUE(contains(r.out, "Failed To Encode 3 of 5 Files.\n")) << r.out;
+    EXPECT_EQ(filesBelow(box.out()).size(), sources.size());
     EXPECT_EQ(box.temporaryLeftovers(), std::vector<std::string>{});
 }
 
@@ -431,32 +271,6 @@ TEST(ConvertCommand, InterruptOrTerminateCancelsTheBatchQuicklyAndLeavesNothing)
         EXPECT_EQ(box.temporaryLeftovers(), std::vector<std::string>{});
     }
     EXPECT_EQ(fileMD5(source), md5);
-}
-
-TEST(ConvertCommand, AFullDiskIsNamedWithItsFolderAndLeavesNothing) {
-    // A tmpfs too small for the encode, once as the temporary folder (the
-    // codec's writes fail) and once as the output folder (the move fails).
-    CommandSandbox box;
-    const std::string source = box.src("noise.wav");
-    mustRun("sox -n -r 44100 -b 16 -c 2 " + shellQuote(source) + " synth 10 whitenoise");
-    for (const bool fullTemporaryFolder : {true, false}) {
-        SCOPED_TRACE(fullTemporaryFolder ? "temporary folder" : "output folder");
-        const std::string output = box.out(fullTemporaryFolder ? "a" : "b");
-        const std::string full = fullTemporaryFolder ? box.temporaryFolder() : output;
-        fs::create_directories(output);
-        const Outcome r = box.runWithMount(
-            full, "256k", "convert -f flac -o " + shellQuote(output) + " " + shellQuote(source));
-        EXPECT_EQ(r.exitCode, 1) << r.out << r.err;
-        const std::string cause = "No space left on device in " + fs::path(full).string();
-        EXPECT_TRUE(contains(r.out, "FAILED: " + source + "\n  " + cause + "\n")) << r.out;
-        EXPECT_TRUE(contains(r.err, fullTemporaryFolder ? cause : "Error:No space left on device"))
-            << r.err;
-        for (const char* vague : {"Input/output error", "CLIENT_ERROR"})
-            EXPECT_FALSE(contains(r.out + r.err, vague)) << r.out << r.err;
-        EXPECT_EQ(r.mountedFolder, "");
-        EXPECT_EQ(filesBelow(output), std::vector<std::string>{});
-        EXPECT_EQ(box.temporaryLeftovers(), std::vector<std::string>{});
-    }
 }
 
 TEST(ConvertCommand, OutputProblemsNameTheirCause) {
@@ -598,13 +412,18 @@ TEST(ConvertCommand, DamagedSourcesFailWithTheirCauseUnlessIncompleteIsAllowed) 
         shellQuote(cutFlac) + " " + shellQuote(cutWav) + " " + shellQuote(wma);
     {
         SCOPED_TRACE("refused, even with --delete-original");
-        const Outcome r =
-            box.run("convert -f flac --delete-original -o " + shellQuote(box.out()) + " " + inputs);
+        // A missing input is named on its own and counts as failed.
+        const std::string missing = box.src("not-there.wav");
+        const Outcome r = box.run("convert -f flac --delete-original -o " + shellQuote(box.out()) +
+                                  " " + inputs + " " + shellQuote(missing));
+        EXPECT_TRUE(contains(r.err, "velvox: " + missing + ": No such file or directory\n"))
+            << r.err;
         EXPECT_EQ(r.exitCode, 1) << r.out << r.err;
         for (const std::string& cut : {cutFlac, cutWav})
             EXPECT_TRUE(contains(r.out, "FAILED: " + cut + "\n  The input ended after ")) << r.out;
         EXPECT_TRUE(contains(r.out, "FAILED: " + wma + "\n  No audio Velvox can decode")) << r.out;
-        EXPECT_TRUE(contains(r.out, "0 converted, 0 skipped, 3 failed.\n")) << r.out;
+        EXPECT_TRUE(contains(r.out, "0 converted, 0 skipped, 4 failed.\n")) << r.out;
+        EXPECT_TRUE(contains(r.out, "Failed To Encode 3 of 3 Files.\n")) << r.out;
         EXPECT_EQ(filesBelow(box.out()), std::vector<std::string>{});
         EXPECT_EQ(readFile(cutFlac).size(), flacBytes.size() / 2);
         EXPECT_EQ(readFile(cutWav).size(), whole.size() / 2);

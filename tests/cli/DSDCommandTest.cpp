@@ -33,14 +33,6 @@ std::string makeTaggedDSF(const CommandSandbox& box, const std::string& name, si
     return path;
 }
 
-std::vector<std::string> flacFilesBelow(const std::string& folder) {
-    std::vector<std::string> files;
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(folder))
-        if (entry.is_regular_file())
-            files.push_back(entry.path().string());
-    return files;
-}
-
 } // namespace
 
 TEST(DSDCommand, ProbeInfoAndConvertToFlacAgreeOnThePCM) {
@@ -68,17 +60,17 @@ TEST(DSDCommand, ProbeInfoAndConvertToFlacAgreeOnThePCM) {
     const Outcome convert =
         box.run("convert -f flac -o " + shellQuote(box.out()) + " " + shellQuote(dsf));
     ASSERT_EQ(convert.exitCode, 0) << convert.out << convert.err;
-    const auto outputs = flacFilesBelow(box.out());
-    ASSERT_EQ(outputs.size(), 1u);
-    EXPECT_EQ(pcmMD5ByFlac(outputs[0]), pcmMD5);
-    EXPECT_EQ(runCommand("metaflac --show-sample-rate --show-bps --show-channels " +
-                         shellQuote(outputs[0]))
-                  .output,
-              "88200\n24\n2\n");
-    const auto tags = flacTags(outputs[0]);
+    const auto found = filesBelow(box.out());
+    ASSERT_EQ(found.size(), 1u);
+    const std::string output = box.out(found[0]);
+    EXPECT_EQ(pcmMD5ByFlac(output), pcmMD5);
+    EXPECT_EQ(
+        runCommand("metaflac --show-sample-rate --show-bps --show-channels " + shellQuote(output))
+            .output,
+        "88200\n24\n2\n");
+    const auto tags = flacTags(output);
     const auto title = tags.equal_range("TITLE");
     ASSERT_EQ(std::distance(title.first, title.second), 1);
     EXPECT_EQ(title.first->second, "One Bit Song");
     EXPECT_EQ(box.temporaryLeftovers(), std::vector<std::string>{});
 }
-

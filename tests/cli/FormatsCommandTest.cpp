@@ -6,42 +6,28 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "support/TestSupport.h"
+#include "cli/BatchCommandSandbox.h"
 
 using namespace velvox::test;
 
 namespace {
 
-struct Outcome {
-    int exitCode = -1;
-    std::string out;
-    std::string err;
-};
-
-class Velvox {
+// The program with preferences of the test's own: what one run saves is what
+// the next reads.
+class Velvox : public CommandSandbox {
 public:
-    Outcome operator()(const std::string& args) const {
-        const std::string errPath = dir_.file("stderr.txt");
-        const auto r = runCommand("XDG_CONFIG_HOME=" + shellQuote(dir_.file("config")) +
-                                  " XDG_DATA_HOME=" + shellQuote(dir_.file("data")) + " " +
-                                  VELVOX_BINARY + " " + args + " 2>" + shellQuote(errPath));
-        const auto err = readFile(errPath);
-        return {r.exitCode, r.output, std::string(err.begin(), err.end())};
-    }
+    Outcome operator()(const std::string& args) const { return run(args); }
     nlohmann::json list(const std::string& extra = "") const {
-        const Outcome r = (*this)("formats --json " + extra);
+        const Outcome r = run("formats --json " + extra);
         EXPECT_EQ(r.exitCode, 0) << r.err;
         return nlohmann::json::parse(r.out);
     }
     // The preferences file as saved.
     nlohmann::json saved() const {
-        const auto bytes = readFile(dir_.file("config/velvox/defaults.json"));
+        const auto bytes = readFile((root() / "config/velvox/defaults.json").string());
         return bytes.empty() ? nlohmann::json()
                              : nlohmann::json::parse(std::string(bytes.begin(), bytes.end()));
     }
-
-private:
-    TempDir dir_;
 };
 
 std::vector<std::string> descriptions(const nlohmann::json& list) {

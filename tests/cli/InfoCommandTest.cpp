@@ -3,32 +3,15 @@
 
 #include <set>
 #include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
-#include <stb_image_write.h>
 
-#include "support/TestSupport.h"
+#include "cli/BatchCommandSandbox.h"
 
 using namespace velvox::test;
 
 namespace {
-
-struct Outcome {
-    int exitCode = -1;
-    std::string out;
-    std::string err;
-};
-
-Outcome runVelvox(const TempDir& dir, const std::string& args) {
-    const std::string errPath = dir.file("stderr.txt");
-    const auto r = runCommand("XDG_CONFIG_HOME=" + shellQuote(dir.file("config")) +
-                              " XDG_DATA_HOME=" + shellQuote(dir.file("data")) + " " +
-                              VELVOX_BINARY + " " + args + " 2>" + shellQuote(errPath));
-    const auto err = readFile(errPath);
-    return {r.exitCode, r.output, std::string(err.begin(), err.end())};
-}
 
 std::set<std::string> keysOf(const nlohmann::json& object) {
     std::set<std::string> keys;
@@ -37,45 +20,23 @@ std::set<std::string> keysOf(const nlohmann::json& object) {
     return keys;
 }
 
-// A 24 x 16 RGB PNG with a gradient, so that its bytes are not trivial.
-void writePNG(const std::string& path) {
-    constexpr int kWidth = 24, kHeight = 16;
-    std::vector<unsigned char> pixels(kWidth * kHeight * 3);
-    for (size_t i = 0; i < pixels.size(); ++i)
-        pixels[i] = static_cast<unsigned char>((i * 37) & 0xFF);
-    ASSERT_NE(stbi_write_png(path.c_str(), kWidth, kHeight, 3, pixels.data(), kWidth * 3), 0);
-}
-
-// Two seconds of 48 kHz 24-bit stereo FLAC with the given Vorbis comments
-// (and nothing of sox's own) and, when given, a front-cover picture.
-void makeTaggedFLAC(const std::string& path, const std::vector<std::string>& tags,
-                    const std::string& picture = "") {
-    ASSERT_EQ(runCommand("sox -n -r 48000 -b 24 -c 2 " + shellQuote(path) +
-                         " synth 2 sine 300 sine 500 gain -3")
-                  .exitCode,
-              0);
-    std::string edit = "metaflac --remove-all-tags";
-    for (const std::string& tag : tags)
-        edit += " --set-tag=" + shellQuote(tag);
-    if (!picture.empty())
-        edit += " --import-picture-from=" + shellQuote("3||Front cover||" + picture);
-    ASSERT_EQ(runCommand(edit + " " + shellQuote(path)).exitCode, 0);
-}
-
 } // namespace
 
 TEST(InfoCommand, JsonHasEveryPresentFieldWithItsJsonType) {
-    TempDir dir;
-    const std::string png = dir.file("cover.png");
-    writePNG(png);
-    const std::string flac = dir.file("song.flac");
-    makeTaggedFLAC(flac,
-                   {"TITLE=Day/Night Live", "ARTIST=The Band", "ALBUM=Live", "TRACKNUMBER=3",
-                    "TRACKTOTAL=12", "DISCNUMBER=1", "DISCTOTAL=2", "DATE=2001", "GENRE=Rock",
-                    "COMPILATION=1"},
-                   png);
+    CommandSandbox box;
+    const std::string png = box.scratch("cover.png");
+    ASSERT_NO_FATAL_FAILURE(writePNG(png, 24, 16, 0));
+    // Two seconds of 48 kHz 24-bit stereo, tagged by metaflac alone.
+    const std::string flac = box.src("song.flac");
+    ASSERT_NO_FATAL_FAILURE(mustRun("sox -n -r 48000 -b 24 -c 2 " + shellQuote(flac) +
+                                    " synth 2 sine 300 sine 500 gain -3"));
+    ASSERT_NO_FATAL_FAILURE(tagFLAC(flac,
+                                    {"TITLE=Day/Night Live", "ARTIST=The Band", "ALBUM=Live",
+                                     "TRACKNUMBER=3", "TRACKTOTAL=12", "DISCNUMBER=1",
+                                     "DISCTOTAL=2", "DATE=2001", "GENRE=Rock", "COMPILATION=1"},
+                                    png));
 
-    const Outcome r = runVelvox(dir, "info --json " + shellQuote(flac));
+    const Outcome r = box.run("info --json " + shellQuote(flac));
     ASSERT_EQ(r.exitCode, 0) << r.err;
     const auto all = nlohmann::json::parse(r.out);
     ASSERT_TRUE(all.is_array());

@@ -22,23 +22,12 @@ void apeTag(const std::string& path, const std::string& title, const std::string
             shellQuote(path) + " " + shellQuote(title) + " " + shellQuote(artist));
 }
 
-bool contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
-
 // True Audio files carry ID3v2 tags.
 void id3Tag(const std::string& path, const std::string& title, const std::string& artist) {
     mustRun("/usr/bin/python3 -c 'import sys; from mutagen.id3 import ID3, TIT2, TPE1; t = ID3(); "
             "t.add(TIT2(encoding=3, text=sys.argv[2])); t.add(TPE1(encoding=3, text=sys.argv[3])); "
             "t.save(sys.argv[1])' " +
             shellQuote(path) + " " + shellQuote(title) + " " + shellQuote(artist));
-}
-
-std::string metaflacShow(const std::string& option, const std::string& path) {
-    std::string out = runCommand("metaflac " + option + " " + shellQuote(path)).output;
-    while (!out.empty() && out.back() == '\n')
-        out.pop_back();
-    return out;
 }
 
 // A four-channel ProTracker module with one looped sample and one note.

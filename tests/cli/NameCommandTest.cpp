@@ -6,51 +6,31 @@
 
 #include <gtest/gtest.h>
 
-#include "support/TestSupport.h"
+#include "cli/BatchCommandSandbox.h"
 
 using namespace velvox::test;
 
 namespace {
 
-struct Outcome {
-    int exitCode = -1;
-    std::string out;
-    std::string err;
-};
-
 class NameCommandTest : public testing::Test {
 protected:
     void SetUp() override {
-        song_ = dir_.file("song.flac");
-        live_ = dir_.file("live.flac");
-        plain_ = dir_.file("plain.flac");
+        song_ = box_.src("song.flac");
+        live_ = box_.src("live.flac");
+        plain_ = box_.src("plain.flac");
         makeFLAC(song_, {"TITLE=Song", "ARTIST=The Band", "TRACKNUMBER=3", "TRACKTOTAL=12"});
         makeFLAC(live_, {"TITLE=Day/Night Live", "ARTIST=The Band", "TRACKNUMBER=11"});
         makeFLAC(plain_, {});
         files_ = shellQuote(song_) + " " + shellQuote(live_) + " " + shellQuote(plain_);
     }
 
-    static void makeFLAC(const std::string& path, const std::vector<std::string>& tags) {
-        ASSERT_EQ(
-            runCommand("sox -n -r 44100 -b 16 -c 2 " + shellQuote(path) + " synth 0.5 sine 440")
-                .exitCode,
-            0);
-        std::string edit = "metaflac --remove-all-tags";
-        for (const std::string& tag : tags)
-            edit += " --set-tag=" + shellQuote(tag);
-        ASSERT_EQ(runCommand(edit + " " + shellQuote(path)).exitCode, 0);
+    void makeFLAC(const std::string& path, const std::vector<std::string>& tags) {
+        mustRun("sox -n -r 44100 -b 16 -c 2 " + shellQuote(path) + " synth 0.5 sine 440");
+        tagFLAC(path, tags);
     }
+    Outcome velvox(const std::string& args) const { return box_.run(args); }
 
-    Outcome velvox(const std::string& args) const {
-        const std::string errPath = dir_.file("stderr.txt");
-        const auto r = runCommand("XDG_CONFIG_HOME=" + shellQuote(dir_.file("config")) +
-                                  " XDG_DATA_HOME=" + shellQuote(dir_.file("data")) + " " +
-                                  VELVOX_BINARY + " " + args + " 2>" + shellQuote(errPath));
-        const auto err = readFile(errPath);
-        return {r.exitCode, r.output, std::string(err.begin(), err.end())};
-    }
-
-    TempDir dir_;
+    CommandSandbox box_;
     std::string song_, live_, plain_, files_;
 };
 

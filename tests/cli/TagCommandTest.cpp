@@ -19,10 +19,6 @@ namespace {
 
 using Tags = std::multimap<std::string, std::string>;
 
-bool contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
-
 // 0.4 s of 24-bit stereo at 48 kHz from our own signal, encoded by the
 // reference encoder with its default padding or with none (then every tag
 // edit has to rewrite the whole file).
