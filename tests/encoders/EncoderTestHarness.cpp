@@ -136,16 +136,6 @@ std::string mutagen(const std::string& script, const std::string& path) {
     return r.output;
 }
 
-std::map<std::string, std::string> mutagenFacts(const std::string& script,
-                                                const std::string& path) {
-    std::map<std::string, std::string> facts;
-    std::istringstream lines(mutagen(script, path));
-    for (std::string line; std::getline(lines, line);)
-        if (const size_t eq = line.find('='); eq != std::string::npos)
-            facts[line.substr(0, eq)] = line.substr(eq + 1);
-    return facts;
-}
-
 std::shared_ptr<AudioMetadata> taggedRecord(const std::string& title) {
     auto record = std::make_shared<AudioMetadata>();
     record->setTrackTitle(title);

@@ -82,8 +82,6 @@ std::string toolReport(const std::string& command, const std::string& path,
 
 // Python code run with the system interpreter and mutagen; its output.
 std::string mutagen(const std::string& script, const std::string& path);
-// The same, its "key=value" lines as a map.
-std::map<std::string, std::string> mutagenFacts(const std::string& script, const std::string& path);
 
 // A record with the common fields and a 9x7 PNG front cover.
 std::shared_ptr<AudioMetadata> taggedRecord(const std::string& title);

@@ -180,28 +180,6 @@ Bytes infoPairs(const std::vector<std::pair<std::string, std::string>>& pairs) {
     return out;
 }
 
-Bytes appleLoopsPayload(const std::vector<std::pair<std::string, std::string>>& pairs) {
-    Bytes out = {0x29, 0x81, 0x92, 0x73, 0xB5, 0xBF, 0x4A, 0xEF,
-                 0xB7, 0x8D, 0x62, 0xD1, 0xEF, 0x90, 0xBB, 0x2C};
-    return concat({out, infoPairs(pairs)});
-}
-
-Bytes midiFile(uint32_t microsecondsPerQuarter, uint8_t keyByte, uint8_t mode) {
-    Bytes track = {0x00, 0xFF, 0x51, 0x03};
-    appendBE(track, microsecondsPerQuarter, 3);
-    const Bytes rest = {0x00, 0xFF, 0x59, 0x02, keyByte, mode, 0x00, 0xFF, 0x2F, 0x00};
-    track.insert(track.end(), rest.begin(), rest.end());
-    Bytes out;
-    appendText(out, "MThd");
-    appendBE(out, 6, 4);
-    appendBE(out, 0, 2);
-    appendBE(out, 1, 2);
-    appendBE(out, 480, 2);
-    appendText(out, "MTrk");
-    appendBE(out, track.size(), 4);
-    return concat({out, track});
-}
-
 Bytes dsfFile(uint32_t channels, uint32_t sampleRate, uint64_t samplesPerChannel,
               const Bytes& metadata) {
     const uint32_t blockSize = 4096;

@@ -40,19 +40,13 @@ Bytes aiffFile(uint32_t channels, uint32_t sampleRate, uint32_t frames,
 Bytes cafFile(uint32_t channels, uint32_t sampleRate, uint32_t frames,
               const std::vector<Bytes>& extraChunks = {});
 
-// A CAF 'info' chunk payload or an Apple Loops chunk payload: count + pairs.
+// A CAF 'info' chunk payload: a count, then the pairs.
 Bytes infoPairs(const std::vector<std::pair<std::string, std::string>>& pairs);
-Bytes appleLoopsPayload(const std::vector<std::pair<std::string, std::string>>& pairs);
-
-// A Standard MIDI File with one track holding a tempo and a key signature.
-Bytes midiFile(uint32_t microsecondsPerQuarter, uint8_t keyByte, uint8_t mode);
 
 // A DSF file: header, fmt, data (silence of the given samples per channel)
 // and, when not empty, the metadata block at the end.
 Bytes dsfFile(uint32_t channels, uint32_t sampleRate, uint64_t samplesPerChannel,
               const Bytes& metadata);
-
-// Minimal tracker modules that TagLib accepts.
 
 // Runs a shell command and fails the current test when it does not succeed.
 bool runOrFail(const std::string& command);
