@@ -36,19 +36,6 @@ AudioStreamBasicDescription intFormat(uint32_t bits, uint32_t channels, double r
 
 AudioChannelLayout tagLayout(AudioChannelLayoutTag tag) { return *createChannelLayoutWithTag(tag); }
 
-std::vector<int32_t> unpackLittleEndian(const std::vector<uint8_t>& bytes, uint32_t bits) {
-    const uint32_t n = bits / 8;
-    std::vector<int32_t> out(bytes.size() / n);
-    for (size_t s = 0; s < out.size(); ++s) {
-        uint32_t u = 0;
-        for (uint32_t b = 0; b < n; ++b)
-            u |= uint32_t(bytes[s * n + b]) << (8 * b);
-        const int shift = int(32 - bits);
-        out[s] = int32_t(u << shift) >> shift;
-    }
-    return out;
-}
-
 // The mixer works in 32-bit float: a mixed sample is the float nearest to the
 // exact weighted sum, then rounded to the nearest integer (ties to even) and
 // clipped. `exactSum` is in integer sample units; scaling by a power of two
@@ -109,7 +96,7 @@ TEST(KDChannelMixerTest, StereoToMonoIsMinus3dBOfTheSum) {
         auto mixer =
             makeMixer(bits, 2, kAudioChannelLayoutTag_Stereo, 1, kAudioChannelLayoutTag_Mono);
         ASSERT_TRUE(mixer);
-        const auto out = unpackLittleEndian(
+        const auto out = test::unpackLittleEndian(
             mixBytes(*mixer, packLittleEndian(in, bits), frames, bits / 8), bits);
         ASSERT_EQ(out.size(), frames);
         for (uint32_t f = 0; f < frames; ++f) {
@@ -139,7 +126,7 @@ TEST(KDChannelMixerTest, FivePointOneToStereoUsesBS775Weights) {
         auto mixer =
             makeMixer(bits, 6, kAudioChannelLayoutTag_MPEG_5_1_A, 2, kAudioChannelLayoutTag_Stereo);
         ASSERT_TRUE(mixer);
-        const auto out = unpackLittleEndian(
+        const auto out = test::unpackLittleEndian(
             mixBytes(*mixer, packLittleEndian(in, bits), frames, 2 * bits / 8), bits);
         ASSERT_EQ(out.size(), 2 * frames);
         for (uint32_t f = 0; f < frames; ++f) {
@@ -181,7 +168,7 @@ TEST(KDChannelMixerTest, LongBlockMatchesTheSameSignalInSmallBlocks) {
     // And the long block is not just consistently wrong: its last frame's
     // left channel is L + 0.7071 C + 0.7071 Ls of the last source frame.
     const auto src = makeSignal(frames, 6, bits, 13);
-    const auto out = unpackLittleEndian(expected, bits);
+    const auto out = test::unpackLittleEndian(expected, bits);
     const int32_t* x = &src[6 * size_t(frames - 1)]; // L C R Ls Rs LFE
     EXPECT_EQ(out[2 * size_t(frames - 1)],
               integerFromSum(x[0] + double(kW) * x[1] + double(kW) * x[3], bits));

@@ -187,7 +187,7 @@ TEST_F(CoreAudioEncodeOperationTest, CompandedAndADPCMOutputsStayCloseToTheSourc
         use(c.fileType, c.formatID, c.extension);
         auto op = encode(in);
         ASSERT_TRUE(op->success());
-        const auto decoded = test::samplesFrom(decodedBy("ffmpeg", *op->outFilePath()), 32);
+        const auto decoded = test::unpackLittleEndian(decodedBy("ffmpeg", *op->outFilePath()), 32);
         // IMA 4:1 codes whole 64-frame packets; the tail is silence.
         ASSERT_GE(decoded.size(), tone.size());
         std::vector<int32_t> reference;
@@ -228,7 +228,7 @@ TEST_F(CoreAudioEncodeOperationTest, AACKeepsTheBitRateTheLengthAndTheProfile) {
                                                     priming, frames)),
                   std::string::npos)
             << tagsOf(out);
-        const auto decoded = test::samplesFrom(decodedBy("ffmpeg", out), 32);
+        const auto decoded = test::unpackLittleEndian(decodedBy("ffmpeg", out), 32);
         EXPECT_EQ(decoded.size(), size_t(frames) * 2);
         std::vector<int32_t> reference;
         for (int32_t sample : music)

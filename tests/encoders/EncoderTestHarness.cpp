@@ -60,21 +60,8 @@ std::vector<double> normalised(const std::vector<int32_t>& samples, uint32_t bit
     return out;
 }
 
-std::vector<int32_t> samplesFrom(const std::vector<uint8_t>& bytes, uint32_t bits) {
-    const size_t width = bits / 8;
-    std::vector<int32_t> samples(bytes.size() / width);
-    for (size_t i = 0; i < samples.size(); ++i) {
-        uint32_t u = 0;
-        for (size_t b = 0; b < width; ++b)
-            u |= uint32_t(bytes[i * width + b]) << (8 * b);
-        const int shift = int(32 - bits);
-        samples[i] = int32_t(u << shift) >> shift;
-    }
-    return samples;
-}
-
 std::vector<double> rawS16(const std::string& path) {
-    return normalised(samplesFrom(readFile(path), 16), 16);
+    return normalised(unpackLittleEndian(readFile(path), 16), 16);
 }
 
 std::vector<double> decodeWithFFmpeg(const std::string& path, const std::string& scratch) {

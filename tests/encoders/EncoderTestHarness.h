@@ -58,8 +58,6 @@ std::vector<int32_t> tones(uint32_t frames, uint32_t channels, uint32_t rate, ui
                            double baseHz = 220.0);
 // Samples of `bits` bits scaled to [-1, 1).
 std::vector<double> normalised(const std::vector<int32_t>& samples, uint32_t bits);
-// Little-endian signed samples of `bits` bits from a raw byte block.
-std::vector<int32_t> samplesFrom(const std::vector<uint8_t>& bytes, uint32_t bits);
 // A raw 16-bit little-endian decoder output, scaled to [-1, 1).
 std::vector<double> rawS16(const std::string& path);
 // The file decoded by ffmpeg to 16-bit PCM in its own channel count.

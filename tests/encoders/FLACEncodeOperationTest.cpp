@@ -185,7 +185,7 @@ TEST_F(FLACEncodeOperationTest, ChannelModeFoldsStereoToMonoAndCopiesMonoToStere
         auto op = encode(in);
         ASSERT_TRUE(op->success());
         EXPECT_EQ(metaflacNumber("--show-channels", *op->outFilePath()), 1);
-        const auto mono = test::samplesFrom(decoded(*op->outFilePath()), 16);
+        const auto mono = test::unpackLittleEndian(decoded(*op->outFilePath()), 16);
         ASSERT_EQ(mono.size(), 20000u);
         for (size_t f = 0; f < mono.size(); f += 101) {
             const double expected = 0.70710677 * (signal[2 * f] + signal[2 * f + 1]);

@@ -61,19 +61,6 @@ std::vector<uint8_t> convertAll(AudioConverter& c, Feeder& feeder, uint32_t outB
     return out;
 }
 
-std::vector<int32_t> unpack(const std::vector<uint8_t>& bytes, uint32_t bits) {
-    const uint32_t n = bits / 8;
-    std::vector<int32_t> out(bytes.size() / n);
-    for (size_t i = 0; i < out.size(); ++i) {
-        uint32_t u = 0;
-        for (uint32_t b = 0; b < n; ++b)
-            u |= uint32_t(bytes[i * n + b]) << (8 * b);
-        const int shift = int(32 - bits);
-        out[i] = int32_t(u << shift) >> shift;
-    }
-    return out;
-}
-
 } // namespace
 
 TEST(AudioConverter, WideningIntegersIsExact) {
@@ -81,7 +68,7 @@ TEST(AudioConverter, WideningIntegersIsExact) {
     Feeder feeder{test::packLittleEndian(samples, 16), 4, 777};
     auto c = AudioConverter::create(intFormat(16, 2), intFormat(24, 2));
     ASSERT_TRUE(c);
-    const auto out = unpack(convertAll(*c, feeder, 6), 24);
+    const auto out = test::unpackLittleEndian(convertAll(*c, feeder, 6), 24);
     ASSERT_EQ(out.size(), samples.size());
     for (size_t i = 0; i < out.size(); ++i)
         ASSERT_EQ(out[i], samples[i] * 256) << i;
@@ -92,7 +79,7 @@ TEST(AudioConverter, NarrowingRoundsToNearestAndClips) {
                                      -0x000080, -0x000081, -0x800000, 1000 * 256 + 128};
     Feeder feeder{test::packLittleEndian(in, 24), 3, 100};
     auto c = AudioConverter::create(intFormat(24, 1), intFormat(16, 1));
-    const auto out = unpack(convertAll(*c, feeder, 2), 16);
+    const auto out = test::unpackLittleEndian(convertAll(*c, feeder, 2), 16);
     // Halves round to even; the top of the range clips instead of wrapping.
     const std::vector<int32_t> expected = {32767, 32767, 0, 0, 0, -1, -32768, 1000};
     EXPECT_EQ(out, expected);
@@ -109,7 +96,7 @@ TEST(AudioConverter, ResamplingKeepsPitchLengthAndLevel) {
     auto c = AudioConverter::create(intFormat(16, 2, 44100), intFormat(16, 2, 48000));
     ASSERT_TRUE(c);
     c->setSampleRateConverterQuality(kAudioConverterQuality_Max);
-    const auto out = unpack(convertAll(*c, feeder, 4, 4096), 16);
+    const auto out = test::unpackLittleEndian(convertAll(*c, feeder, 4, 4096), 16);
     const size_t outFrames = out.size() / 2;
     EXPECT_NEAR(double(outFrames), 48000.0, 2.0);
     // Compare the middle against an ideal 1 kHz sine at 48 kHz: the filter's

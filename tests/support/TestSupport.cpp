@@ -103,6 +103,19 @@ std::vector<uint8_t> packLittleEndian(const std::vector<int32_t>& samples, uint3
     return out;
 }
 
+std::vector<int32_t> unpackLittleEndian(const std::vector<uint8_t>& bytes, uint32_t bits) {
+    const size_t width = bits / 8;
+    std::vector<int32_t> samples(bytes.size() / width);
+    const int shift = int(32 - bits);
+    for (size_t i = 0; i < samples.size(); ++i) {
+        uint32_t u = 0;
+        for (size_t b = 0; b < width; ++b)
+            u |= uint32_t(bytes[i * width + b]) << (8 * b);
+        samples[i] = int32_t(u << shift) >> shift;
+    }
+    return samples;
+}
+
 namespace {
 void put16(std::vector<uint8_t>& v, uint32_t x) {
     v.push_back(uint8_t(x));

@@ -45,6 +45,8 @@ std::vector<int32_t> makeSignal(uint32_t frames, uint32_t channels, uint32_t bit
                                 uint32_t seed = 1);
 // Packs samples as little-endian signed integers of bits/8 bytes.
 std::vector<uint8_t> packLittleEndian(const std::vector<int32_t>& samples, uint32_t bits);
+// The reverse: little-endian signed samples of bits/8 bytes, sign-extended.
+std::vector<int32_t> unpackLittleEndian(const std::vector<uint8_t>& bytes, uint32_t bits);
 // Writes a canonical PCM WAVE file (WAVE_FORMAT_PCM, or EXTENSIBLE with the
 // given channel mask when it is non-zero).
 void writeWav(const std::string& path, const std::vector<int32_t>& samples, uint32_t channels,
