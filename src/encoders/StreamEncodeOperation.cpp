@@ -89,12 +89,16 @@ uint32_t StreamEncodeOperation::readBufferSize(uint32_t decoderBitsPerChannel) c
 
 uint32_t
 StreamEncodeOperation::outputBitsPerChannel(const AudioStreamBasicDescription& decodeFormat) const {
+    if (takesDecoderPCM())
+        return decodeFormat.mBitsPerChannel;
     const uint32_t bitDepth = settings() ? settings()->bitDepth() : 0;
     return bitDepth != 0 ? bitDepth : decodeFormat.mBitsPerChannel;
 }
 
 double
 StreamEncodeOperation::outputSampleRate(const AudioStreamBasicDescription& decodeFormat) const {
+    if (takesDecoderPCM())
+        return decodeFormat.mSampleRate;
     const int64_t sampleRate = settings() ? settings()->sampleRate() : 0;
     return sampleRate != 0 ? double(sampleRate) : decodeFormat.mSampleRate;
 }

@@ -72,7 +72,11 @@ protected:
     virtual void adjustOutputFormat(AudioStreamBasicDescription&) const {}
     // Whether the channel mixer may run. Without it the codec receives the
     // decoder's channels whatever the settings' channel mode says.
-    virtual bool mixesChannels() const { return true; }
+    virtual bool mixesChannels() const { return !takesDecoderPCM(); }
+    // Whether the codec takes the decoder's sample size, rate and channels as
+    // they come (and converts them itself): then the three hooks above
+    // answer the decoder's values.
+    virtual bool takesDecoderPCM() const { return false; }
     // The most channels the codec takes (0: any). A source with more is
     // folded to stereo (or mono) by the mixer whatever the channel mode.
     virtual uint32_t maximumChannels() const { return 0; }
