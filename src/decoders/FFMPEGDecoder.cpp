@@ -83,27 +83,15 @@ bool FFMPEGDecoder::initWithFilename(const std::string& path) {
                               ? uint32_t(av_get_bytes_per_sample(format)) * 8
                               : 16;
     const uint32_t channels = uint32_t(std::max(0, c_->ch_layout.nb_channels));
-    decodeFormat_.mSampleRate = double(c_->sample_rate);
-    decodeFormat_.mFormatID = kAudioFormatLinearPCM;
-    decodeFormat_.mFormatFlags = kAudioFormatFlagIsSignedInteger | kAudioFormatFlagIsPacked;
-    decodeFormat_.mBitsPerChannel = bits;
-    decodeFormat_.mChannelsPerFrame = channels;
-    decodeFormat_.mBytesPerFrame = (bits / 8) * channels;
-    decodeFormat_.mFramesPerPacket = 1;
-    decodeFormat_.mBytesPerPacket = decodeFormat_.mBytesPerFrame;
-    if (decodeFormat_.mBytesPerFrame == 0 || c_->sample_rate <= 0) {
-        log.logMessage("Failed To Determine mBytesPerFrame.");
-        return false;
-    }
+    if (!setIntegerDecodeFormat(double(c_->sample_rate), bits, channels) || c_->sample_rate <= 0)
+        return unknownFrameSize();
 
     // Whole seconds only: a 10.9 s file counts as 10 s. Consumers treat the
     // figure as an estimate for progress.
     if (ic_->duration != AV_NOPTS_VALUE && ic_->duration >= 0)
         totalFrames_ = (ic_->duration / 1000000) * int64_t(c_->sample_rate);
 
-    setChannelLayout(createChannelLayoutWithTag(channels == 1   ? kAudioChannelLayoutTag_Mono
-                                                : channels == 2 ? kAudioChannelLayoutTag_Stereo
-                                                                : kAudioChannelLayoutTag_Unknown));
+    setLayoutForChannelCount(channels);
 
     converter_.setOutputLayout(c_->ch_layout, int(channels));
 
