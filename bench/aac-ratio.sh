@@ -11,24 +11,10 @@
 # Usage: bench/aac-ratio.sh [--no-build] [REPETITIONS]   (default 5)
 set -euo pipefail
 cd "$(dirname "$0")/.."
-
-build=1
-if [ "${1:-}" = "--no-build" ]; then
-  build=0
-  shift
-fi
-reps=${1:-5}
-
-for tool in sox flac ffmpeg ffprobe python3; do
-  if ! command -v "$tool" >/dev/null; then
-    echo "aac-ratio: '$tool' is missing (bash scripts/setup.sh installs it)" >&2
-    exit 2
-  fi
-done
-[ "$build" = 1 ] && bash scripts/build.sh >/dev/null
-root=$PWD
-velvox=$root/build/velvox
-[ -x "$velvox" ] || { echo "aac-ratio: $velvox is missing (run scripts/build.sh)" >&2; exit 2; }
+source bench/common.sh
+bench_args 5 "$@"
+bench_require aac-ratio sox flac ffmpeg ffprobe python3
+bench_velvox aac-ratio
 
 # Ten minutes of chords over pink noise, made once by sox and flac.
 cache=$root/build/bench-cache/aac

@@ -11,32 +11,13 @@
 # Usage: bench/convert-ratio.sh [--no-build] [REPETITIONS]   (default 5)
 set -euo pipefail
 cd "$(dirname "$0")/.."
-
-build=1
-if [ "${1:-}" = "--no-build" ]; then
-  build=0
-  shift
-fi
-reps=${1:-5}
-
-for tool in sox flac metaflac python3; do
-  if ! command -v "$tool" >/dev/null; then
-    echo "convert-ratio: '$tool' is missing (bash scripts/setup.sh installs it)" >&2
-    exit 2
-  fi
-done
-[ "$build" = 1 ] && bash scripts/build.sh >/dev/null
-root=$PWD
-velvox=$root/build/velvox
-if [ ! -x "$velvox" ]; then
-  echo "convert-ratio: $velvox is missing (run scripts/build.sh)" >&2
-  exit 2
-fi
+source bench/common.sh
+bench_args 5 "$@"
+bench_require convert-ratio sox flac metaflac python3
+bench_velvox convert-ratio
 
 # ---- Fixtures -------------------------------------------------------------
-# Plucked chords over a faint pink-noise floor, slightly different in each
-# channel: it compresses like recorded music (about 60 % of the PCM at level
-# 5), where a pure tone would make the encoder's work trivially cheap.
+# Plucked chords over a faint noise floor: about 60 % of the PCM at level 5.
 cache=$root/build/bench-cache/convert
 stamp=$cache/fixtures-v1
 if [ ! -e "$stamp" ]; then
@@ -44,20 +25,8 @@ if [ ! -e "$stamp" ]; then
   rm -rf "$cache"
   mkdir -p "$cache/batch"
   gen=$(mktemp -d "$cache/gen.XXXXXX")
-  chords=("A2 E3 C#4" "F#2 C#3 A3" "D2 A2 F#3" "E2 B2 G#3"
-          "A2 C#3 E3" "B1 F#2 D3" "C#2 G#2 E3" "E2 G#2 B3")
-  segments=()
-  i=0
-  for chord in "${chords[@]}"; do
-    i=$((i + 1))
-    read -r low mid high <<<"$chord"
-    # Five generated channels (three strings, two noises) mixed to stereo.
-    sox -R -r 44100 -c 5 -n -b 16 -t wavpcm "$gen/seg$i.wav" \
-      synth 2.5 pluck "$low" pluck "$mid" pluck "$high" pinknoise pinknoise \
-      remix 1v0.35,2v0.25,3v0.2,4v0.04 1v0.2,2v0.25,3v0.35,5v0.04
-    segments+=("$gen/seg$i.wav")
-  done
-  sox "${segments[@]}" -t wavpcm "$gen/loop.wav" norm -1
+  bench_chord_loop "$gen" 2.5 "A2 E3 C#4" "F#2 C#3 A3" "D2 A2 F#3" "E2 B2 G#3" \
+    "A2 C#3 E3" "B1 F#2 D3" "C#2 G#2 E3" "E2 G#2 B3"
   # 20-second loop, 30 times: ten minutes.
   sox "$gen/loop.wav" -t wavpcm "$gen/long.wav" repeat 29
   flac -s -5 -f "$gen/long.wav" -o "$cache/long.flac"
@@ -74,19 +43,15 @@ if [ ! -e "$stamp" ]; then
 fi
 
 # ---- Private surroundings ---------------------------------------------------
-# The run's own preferences, data and temporary folders, so that a user's
-# saved formats or naming scheme cannot change what is measured; the temporary
-# folder sits on the output's file system, as it normally does, so moving the
-# finished file into place is a rename.
-work=$(mktemp -d "$root/build/convert-ratio.XXXXXX")
-trap 'rm -rf "$work"' EXIT
-mkdir -p "$work/config" "$work/data" "$work/tmp"
-export XDG_CONFIG_HOME=$work/config XDG_DATA_HOME=$work/data TMPDIR=$work/tmp
+bench_work convert-ratio
 
 echo "$("$velvox" --version), $(flac --version), $(nproc) cores"
 echo "load before: $(uptime)"
 python3 - "$velvox" "$cache" "$work" "$reps" <<'PY'
-import os, shutil, statistics, subprocess, sys, time
+import os, statistics, subprocess, sys
+
+sys.path.insert(0, "bench")
+from timing import run_side_by_side
 
 velvox, cache, work, reps = sys.argv[1], sys.argv[2], sys.argv[3], int(sys.argv[4])
 long_flac = os.path.join(cache, "long.flac")
@@ -94,26 +59,8 @@ batch = os.path.join(cache, "batch")
 
 
 def run(cmd, outdir, *more):
-    """Runs cmd, and any more commands beside it, into a fresh outdir; returns
-    (user+sys CPU seconds of them all, wall seconds until the last ended)."""
-    shutil.rmtree(outdir, ignore_errors=True)
-    os.makedirs(outdir)
-    cmds = [cmd, *more]
-    cpu = 0.0
-    with open(os.path.join(work, "stderr.txt"), "wb") as err:
-        start = time.perf_counter()
-        procs = [subprocess.Popen(c, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                                  stderr=err) for c in cmds]
-        for c, proc in zip(cmds, procs):
-            # wait4 gives the child's own resource use, every thread of it included.
-            _, status, usage = os.wait4(proc.pid, 0)
-            proc.returncode = os.waitstatus_to_exitcode(status)
-            cpu += usage.ru_utime + usage.ru_stime
-            if proc.returncode != 0:
-                sys.stdout.write(open(os.path.join(work, "stderr.txt")).read())
-                sys.exit(f"convert-ratio: {' '.join(c)} exited with {proc.returncode}")
-        wall = time.perf_counter() - start
-    return cpu, wall
+    """(CPU seconds, wall seconds) of cmd and any more commands beside it."""
+    return run_side_by_side("convert-ratio", work, outdir, cmd, *more)
 
 
 def streaminfo(path):

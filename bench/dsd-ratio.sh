@@ -8,20 +8,10 @@
 # Usage: bench/dsd-ratio.sh [--no-build] [REPETITIONS]   (default 3)
 set -euo pipefail
 cd "$(dirname "$0")/.."
-
-build=1
-if [ "${1:-}" = "--no-build" ]; then
-  build=0
-  shift
-fi
-reps=${1:-3}
-for tool in ffmpeg python3; do
-  command -v "$tool" >/dev/null || { echo "dsd-ratio: '$tool' is missing" >&2; exit 2; }
-done
-[ "$build" = 1 ] && bash scripts/build.sh >/dev/null
-root=$PWD
-velvox=$root/build/velvox
-[ -x "$velvox" ] || { echo "dsd-ratio: $velvox is missing (run scripts/build.sh)" >&2; exit 2; }
+source bench/common.sh
+bench_args 3 "$@"
+bench_require dsd-ratio ffmpeg python3
+bench_velvox dsd-ratio
 
 cache=$root/build/bench-cache/dsd
 mkdir -p "$cache"

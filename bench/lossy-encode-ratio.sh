@@ -12,23 +12,10 @@
 # Usage: bench/lossy-encode-ratio.sh [--no-build] [REPETITIONS]
 set -euo pipefail
 cd "$(dirname "$0")/.."
-
-build=1
-if [ "${1:-}" = "--no-build" ]; then
-  build=0
-  shift
-fi
-reps=${1:-5}
-
-for tool in sox lame oggenc python3; do
-  if ! command -v "$tool" >/dev/null; then
-    echo "lossy-encode-ratio: '$tool' is missing (bash scripts/setup.sh installs it)" >&2
-    exit 2
-  fi
-done
-[ "$build" = 1 ] && nice ninja -C build -j2 velvox >/dev/null
-velvox=$PWD/build/velvox
-[ -x "$velvox" ] || { echo "lossy-encode-ratio: $velvox is missing" >&2; exit 2; }
+source bench/common.sh
+bench_args 5 "$@"
+bench_require lossy-encode-ratio sox lame oggenc python3
+bench_velvox lossy-encode-ratio nice ninja -C build -j2 velvox
 export XDG_CONFIG_HOME=$(mktemp -d)
 
 # ---- Fixture: plucked chords over a faint noise floor, ten minutes --------
@@ -38,17 +25,7 @@ if [ ! -e "$wav" ]; then
   echo "making $wav (once)..."
   mkdir -p "$cache"
   gen=$(mktemp -d "$cache/gen.XXXXXX")
-  i=0
-  segments=()
-  for chord in "A2 E3 C#4" "F#2 C#3 A3" "D2 A2 F#3" "E2 B2 G#3"; do
-    i=$((i + 1))
-    read -r low mid high <<<"$chord"
-    sox -R -r 44100 -c 5 -n -b 16 -t wavpcm "$gen/seg$i.wav" \
-      synth 2.5 pluck "$low" pluck "$mid" pluck "$high" pinknoise pinknoise \
-      remix 1v0.35,2v0.25,3v0.2,4v0.04 1v0.2,2v0.25,3v0.35,5v0.04
-    segments+=("$gen/seg$i.wav")
-  done
-  sox "${segments[@]}" -t wavpcm "$gen/loop.wav" norm -1
+  bench_chord_loop "$gen" 2.5 "A2 E3 C#4" "F#2 C#3 A3" "D2 A2 F#3" "E2 B2 G#3"
   # 10 s loop, played 60 times.
   sox "$gen/loop.wav" -t wavpcm "$wav" repeat 59
   rm -rf "$gen"

@@ -12,24 +12,10 @@
 # Usage: bench/mp3-batch-speedup.sh [--no-build] [REPETITIONS]   (default 3)
 set -euo pipefail
 cd "$(dirname "$0")/.."
-
-build=1
-if [ "${1:-}" = "--no-build" ]; then
-  build=0
-  shift
-fi
-reps=${1:-3}
-
-for tool in sox lame python3; do
-  if ! command -v "$tool" >/dev/null; then
-    echo "mp3-batch-speedup: '$tool' is missing (bash scripts/setup.sh installs it)" >&2
-    exit 2
-  fi
-done
-[ "$build" = 1 ] && nice ninja -C build -j2 velvox >/dev/null
-root=$PWD
-velvox=$root/build/velvox
-[ -x "$velvox" ] || { echo "mp3-batch-speedup: $velvox is missing" >&2; exit 2; }
+source bench/common.sh
+bench_args 3 "$@"
+bench_require mp3-batch-speedup sox lame python3
+bench_velvox mp3-batch-speedup nice ninja -C build -j2 velvox
 
 # Plucked chords over a faint noise floor: encodes like recorded music.
 cache=$root/build/bench-cache/mp3-batch
@@ -38,17 +24,7 @@ if [ ! -e "$cache/done" ]; then
   rm -rf "$cache"
   mkdir -p "$cache/batch"
   gen=$(mktemp -d "$cache/gen.XXXXXX")
-  i=0
-  segments=()
-  for chord in "A2 E3 C#4" "F#2 C#3 A3" "D2 A2 F#3" "E2 B2 G#3"; do
-    i=$((i + 1))
-    read -r low mid high <<<"$chord"
-    sox -R -r 44100 -c 5 -n -b 16 -t wavpcm "$gen/seg$i.wav" \
-      synth 2.5 pluck "$low" pluck "$mid" pluck "$high" pinknoise pinknoise \
-      remix 1v0.35,2v0.25,3v0.2,4v0.04 1v0.2,2v0.25,3v0.35,5v0.04
-    segments+=("$gen/seg$i.wav")
-  done
-  sox "${segments[@]}" -t wavpcm "$gen/loop.wav" norm -1
+  bench_chord_loop "$gen" 2.5 "A2 E3 C#4" "F#2 C#3 A3" "D2 A2 F#3" "E2 B2 G#3"
   for k in $(seq -w 1 20); do
     # Each file starts elsewhere in the loop and is a little louder or softer.
     sox "$gen/loop.wav" -t wavpcm "$cache/batch/$k.wav" trim "0.$k" repeat 6 trim 0 60 \
@@ -58,16 +34,15 @@ if [ ! -e "$cache/done" ]; then
   touch "$cache/done"
 fi
 
-work=$(mktemp -d "$root/build/mp3-batch.XXXXXX")
-trap 'rm -rf "$work"' EXIT
-mkdir -p "$work/config" "$work/data" "$work/tmp"
-# The output's file system holds the temporary files too, as it normally does.
-export XDG_CONFIG_HOME=$work/config XDG_DATA_HOME=$work/data TMPDIR=$work/tmp
+bench_work mp3-batch
 
 echo "$("$velvox" --version), $(lame --version | head -1), $(nproc) cores"
 echo "load before: $(uptime)"
 python3 - "$velvox" "$cache/batch" "$work" "$reps" <<'PY'
-import os, shutil, statistics, subprocess, sys, time
+import os, statistics, sys
+
+sys.path.insert(0, "bench")
+from timing import run_side_by_side
 
 velvox, batch, work, reps = sys.argv[1], sys.argv[2], sys.argv[3], int(sys.argv[4])
 out = os.path.join(work, "out")
@@ -75,23 +50,8 @@ names = sorted(os.path.join(batch, f) for f in os.listdir(batch) if f.endswith("
 
 
 def run(*cmds):
-    """Runs the commands side by side into a fresh output folder; returns
-    (their user+sys CPU seconds, wall seconds until the last ended)."""
-    shutil.rmtree(out, ignore_errors=True)
-    os.makedirs(out)
-    cpu = 0.0
-    with open(os.path.join(work, "stderr.txt"), "wb") as err:
-        start = time.perf_counter()
-        procs = [subprocess.Popen(c, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                                  stderr=err) for c in cmds]
-        for c, proc in zip(cmds, procs):
-            _, status, usage = os.wait4(proc.pid, 0)
-            cpu += usage.ru_utime + usage.ru_stime
-            if os.waitstatus_to_exitcode(status) != 0:
-                sys.stdout.write(open(os.path.join(work, "stderr.txt")).read())
-                sys.exit(f"mp3-batch-speedup: {' '.join(c)} failed")
-        wall = time.perf_counter() - start
-    return cpu, wall
+    """(CPU seconds, wall seconds) of the commands side by side."""
+    return run_side_by_side("mp3-batch-speedup", work, out, *cmds)
 
 
 def velvox_cmd(jobs):

@@ -7,10 +7,11 @@
 # speexenc applies its documented default quality (8) only when --quality is
 # given; without it the coder keeps libspeex's own defaults, which differ in
 # the low band, so the files differ. Velvox sets VBR quality 8 as its settings
-# say, which is `speexenc -w --vbr --quality 8` (the same audio, bit for bit),
-# timed as well. The CPU time of `velvox --version` is printed too: the fixed
-# cost of starting the program (the dynamic loader mapping FFmpeg and every
-# library it pulls in), part of every ratio.
+# say, which is `speexenc -w --vbr --quality 8` (the same packets but the
+# last, which holds the end padding), timed as well: that pair compares the
+# same work. The CPU time of `velvox --version` is printed too: the fixed cost
+# of starting the program (the dynamic loader mapping the codec libraries;
+# FFmpeg is opened only by the formats that use it), part of every ratio.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 nice ninja -C build -j2 velvox >/dev/null

@@ -9,51 +9,23 @@
 # Usage: bench/tta-ratio.sh [--no-build] [REPETITIONS]   (default 5)
 set -euo pipefail
 cd "$(dirname "$0")/.."
+source bench/common.sh
+bench_args 5 "$@"
+bench_require tta-ratio sox ffmpeg python3
+bench_velvox tta-ratio
 
-build=1
-if [ "${1:-}" = "--no-build" ]; then
-  build=0
-  shift
-fi
-reps=${1:-5}
-
-for tool in sox ffmpeg python3; do
-  if ! command -v "$tool" >/dev/null; then
-    echo "tta-ratio: '$tool' is missing (bash scripts/setup.sh installs it)" >&2
-    exit 2
-  fi
-done
-[ "$build" = 1 ] && bash scripts/build.sh >/dev/null
-root=$PWD
-velvox=$root/build/velvox
-if [ ! -x "$velvox" ]; then
-  echo "tta-ratio: $velvox is missing (run scripts/build.sh)" >&2
-  exit 2
-fi
-
-# Plucked chords over a faint noise floor, repeated to ten minutes: it
-# compresses like recorded music, where a pure tone would make the encoder's
-# work trivially cheap.
+# Plucked chords over a faint noise floor, repeated to ten minutes.
 cache=$root/build/bench-cache/tta
 if [ ! -e "$cache/long.wav" ]; then
   echo "making the fixture in $cache (once)..."
   mkdir -p "$cache"
   gen=$(mktemp -d "$cache/gen.XXXXXX")
-  sox -R -r 44100 -c 5 -n -b 16 -t wavpcm "$gen/a.wav" \
-    synth 10 pluck A2 pluck E3 pluck C#4 pinknoise pinknoise \
-    remix 1v0.35,2v0.25,3v0.2,4v0.04 1v0.2,2v0.25,3v0.35,5v0.04
-  sox -R -r 44100 -c 5 -n -b 16 -t wavpcm "$gen/b.wav" \
-    synth 10 pluck D2 pluck A2 pluck F#3 pinknoise pinknoise \
-    remix 1v0.35,2v0.25,3v0.2,4v0.04 1v0.2,2v0.25,3v0.35,5v0.04
-  sox "$gen/a.wav" "$gen/b.wav" -t wavpcm "$gen/loop.wav" norm -1
+  bench_chord_loop "$gen" 10 "A2 E3 C#4" "D2 A2 F#3"
   sox "$gen/loop.wav" -t wavpcm "$cache/long.wav" repeat 29
   rm -rf "$gen"
 fi
 
-work=$(mktemp -d "$root/build/tta-ratio.XXXXXX")
-trap 'rm -rf "$work"' EXIT
-mkdir -p "$work/config" "$work/data" "$work/tmp"
-export XDG_CONFIG_HOME=$work/config XDG_DATA_HOME=$work/data TMPDIR=$work/tmp
+bench_work tta-ratio
 
 echo "$("$velvox" --version), $(ffmpeg -version | head -1), $(nproc) cores"
 echo "load before: $(uptime)"

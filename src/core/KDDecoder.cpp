@@ -54,6 +54,30 @@ std::unique_ptr<KDDecoder> KDDecoder::decoderWithFilename(const std::string& pat
     return fallbackDecoder(path);
 }
 
+void KDDecoder::setLayoutForChannelCount(uint32_t channels) {
+    setChannelLayout(createChannelLayoutWithTag(channels == 1   ? kAudioChannelLayoutTag_Mono
+                                                : channels == 2 ? kAudioChannelLayoutTag_Stereo
+                                                                : kAudioChannelLayoutTag_Unknown));
+}
+
+bool KDDecoder::setIntegerDecodeFormat(double sampleRate, uint32_t bits, uint32_t channels,
+                                       uint32_t bytesPerSample) {
+    decodeFormat_.mSampleRate = sampleRate;
+    decodeFormat_.mFormatID = kAudioFormatLinearPCM;
+    decodeFormat_.mFormatFlags = kAudioFormatFlagIsSignedInteger | kAudioFormatFlagIsPacked;
+    decodeFormat_.mBitsPerChannel = bits;
+    decodeFormat_.mChannelsPerFrame = channels;
+    decodeFormat_.mBytesPerFrame = (bytesPerSample != 0 ? bytesPerSample : bits / 8) * channels;
+    decodeFormat_.mFramesPerPacket = 1;
+    decodeFormat_.mBytesPerPacket = decodeFormat_.mBytesPerFrame;
+    return decodeFormat_.mBytesPerFrame != 0;
+}
+
+bool KDDecoder::unknownFrameSize() {
+    ErrorLog::sharedController().logMessage("Failed To Determine mBytesPerFrame.");
+    return false;
+}
+
 bool KDDecoder::initWithFilename(const std::string& path) {
     pcmBuffer_ = std::make_unique<RingBuffer>();
     inFilePath_ = path;

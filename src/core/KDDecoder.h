@@ -79,6 +79,15 @@ protected:
     void setChannelLayout(std::unique_ptr<AudioChannelLayout> layout) {
         mChannelLayout_ = std::move(layout);
     }
+    // The usual layout for one or two channels; Unknown for more.
+    void setLayoutForChannelCount(uint32_t channels);
+    // Describes the PCM delivered as packed signed little-endian integers of
+    // `bits`, each in `bytesPerSample` bytes (bits / 8 when 0). False when
+    // that makes no bytes per frame.
+    bool setIntegerDecodeFormat(double sampleRate, uint32_t bits, uint32_t channels,
+                                uint32_t bytesPerSample = 0);
+    // Logs that the frame size is unknown; answers false for initWithFilename.
+    static bool unknownFrameSize();
 
     AudioStreamBasicDescription decodeFormat_{};
 

@@ -277,10 +277,7 @@ void CoreAudioDecoder::SndfileDeleter::operator()(SNDFILE* file) const { sf_clos
 
 CoreAudioDecoder::CoreAudioDecoder() = default;
 
-CoreAudioDecoder::~CoreAudioDecoder() {
-    av_channel_layout_uninit(&swrInputLayout_);
-    av_channel_layout_uninit(&outputLayout_);
-}
+CoreAudioDecoder::~CoreAudioDecoder() = default;
 
 uint32_t CoreAudioDecoder::decodeBitsForSourceFormat(const AudioStreamBasicDescription& source) {
     if (source.mFormatID == kAudioFormatAppleLossless) {
@@ -692,11 +689,7 @@ CoreAudioDecoder::OpenResult CoreAudioDecoder::openWithLibav(const std::string& 
         totalFrames_ > 0)
         frameLimit_ = totalFrames_;
 
-    if (codec_->ch_layout.order != AV_CHANNEL_ORDER_UNSPEC &&
-        codec_->ch_layout.nb_channels == int(sourceFormat_.mChannelsPerFrame))
-        av_channel_layout_copy(&outputLayout_, &codec_->ch_layout);
-    else
-        av_channel_layout_default(&outputLayout_, int(sourceFormat_.mChannelsPerFrame));
+    converter_.setOutputLayout(codec_->ch_layout, int(sourceFormat_.mChannelsPerFrame));
 
     packet_.reset(av_packet_alloc());
     frame_.reset(av_frame_alloc());
@@ -802,43 +795,19 @@ void CoreAudioDecoder::convertLibavFrame(const AVFrame* frame) {
 // count or rate changed mid-stream go through swresample, to signed 16 bits
 // or, for deeper decode formats, to 32 bits that are then narrowed.
 void CoreAudioDecoder::resampleLibavFrame(const AVFrame* frame) {
-    const auto format = AVSampleFormat(frame->format);
     const uint32_t bits = decodeFormat_.mBitsPerChannel;
     const AVSampleFormat outFormat = bits <= 16 ? AV_SAMPLE_FMT_S16 : AV_SAMPLE_FMT_S32;
     const int outRate = int(decodeFormat_.mSampleRate);
     const int channels = int(decodeFormat_.mChannelsPerFrame);
-    if (!swr_ || format != swrInputFormat_ || frame->sample_rate != swrInputRate_ ||
-        av_channel_layout_compare(&frame->ch_layout, &swrInputLayout_) != 0) {
-        av_channel_layout_uninit(&swrInputLayout_);
-        av_channel_layout_copy(&swrInputLayout_, &frame->ch_layout);
-        AVChannelLayout input{};
-        if (frame->ch_layout.order == AV_CHANNEL_ORDER_UNSPEC)
-            av_channel_layout_default(&input, frame->ch_layout.nb_channels);
-        else
-            av_channel_layout_copy(&input, &frame->ch_layout);
-        SwrContext* raw = nullptr;
-        int err = swr_alloc_set_opts2(&raw, &outputLayout_, outFormat, outRate, &input, format,
-                                      frame->sample_rate, 0, nullptr);
-        av_channel_layout_uninit(&input);
-        swr_.reset(raw);
-        if (err >= 0)
-            err = swr_init(swr_.get());
-        if (err < 0) {
-            swr_.reset();
-            VLX_ASSERT(false, "Could Not Set Up The Sample Converter For File: %@ Error: %s",
-                       inFilePath(), avErrorString(err));
-        }
-        swrInputFormat_ = format;
-        swrInputRate_ = frame->sample_rate;
-    }
+    const int err = converter_.prepare(frame, outFormat, outRate);
+    VLX_ASSERT(err >= 0, "Could Not Set Up The Sample Converter For File: %@ Error: %s",
+               inFilePath(), avErrorString(err));
 
-    const int capacity =
-        int(av_rescale_rnd(swr_get_delay(swr_.get(), frame->sample_rate) + frame->nb_samples,
-                           outRate, frame->sample_rate, AV_ROUND_UP));
+    const int capacity = converter_.capacityFor(frame, outRate);
     const int outBytes = av_get_bytes_per_sample(outFormat);
     swrScratch_.resize(size_t(capacity) * size_t(channels) * size_t(outBytes));
     uint8_t* out = swrScratch_.data();
-    const int n = swr_convert(swr_.get(), &out, capacity,
+    const int n = swr_convert(converter_.context(), &out, capacity,
                               const_cast<const uint8_t**>(frame->extended_data), frame->nb_samples);
     if (n <= 0)
         return;

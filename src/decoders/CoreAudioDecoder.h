@@ -16,7 +16,7 @@
 #include <sndfile.h>
 
 #include "core/KDDecoder.h"
-#include "core/LibavHandles.h"
+#include "core/LibavSampleConverter.h"
 
 namespace velvox {
 
@@ -93,11 +93,7 @@ private:
     AVCodecContextPtr codec_;
     AVPacketPtr packet_;
     AVFramePtr frame_;
-    SwrContextPtr swr_;
-    AVSampleFormat swrInputFormat_ = AV_SAMPLE_FMT_NONE;
-    int swrInputRate_ = 0;
-    AVChannelLayout swrInputLayout_{};
-    AVChannelLayout outputLayout_{};
+    LibavSampleConverter converter_;
     int streamIndex_ = -1;
     bool inputEnded_ = false;
     int64_t framesDelivered_ = 0;

@@ -23,10 +23,7 @@ bool isAudioStream(const AVStream* stream) {
 
 FFMPEGDecoder::FFMPEGDecoder() = default;
 
-FFMPEGDecoder::~FFMPEGDecoder() {
-    av_channel_layout_uninit(&swrInputLayout_);
-    av_channel_layout_uninit(&outputLayout_);
-}
+FFMPEGDecoder::~FFMPEGDecoder() = default;
 
 bool FFMPEGDecoder::initWithFilename(const std::string& path) {
     if (!KDDecoder::initWithFilename(path))
@@ -86,32 +83,17 @@ bool FFMPEGDecoder::initWithFilename(const std::string& path) {
                               ? uint32_t(av_get_bytes_per_sample(format)) * 8
                               : 16;
     const uint32_t channels = uint32_t(std::max(0, c_->ch_layout.nb_channels));
-    decodeFormat_.mSampleRate = double(c_->sample_rate);
-    decodeFormat_.mFormatID = kAudioFormatLinearPCM;
-    decodeFormat_.mFormatFlags = kAudioFormatFlagIsSignedInteger | kAudioFormatFlagIsPacked;
-    decodeFormat_.mBitsPerChannel = bits;
-    decodeFormat_.mChannelsPerFrame = channels;
-    decodeFormat_.mBytesPerFrame = (bits / 8) * channels;
-    decodeFormat_.mFramesPerPacket = 1;
-    decodeFormat_.mBytesPerPacket = decodeFormat_.mBytesPerFrame;
-    if (decodeFormat_.mBytesPerFrame == 0 || c_->sample_rate <= 0) {
-        log.logMessage("Failed To Determine mBytesPerFrame.");
-        return false;
-    }
+    if (!setIntegerDecodeFormat(double(c_->sample_rate), bits, channels) || c_->sample_rate <= 0)
+        return unknownFrameSize();
 
     // Whole seconds only: a 10.9 s file counts as 10 s. Consumers treat the
     // figure as an estimate for progress.
     if (ic_->duration != AV_NOPTS_VALUE && ic_->duration >= 0)
         totalFrames_ = (ic_->duration / 1000000) * int64_t(c_->sample_rate);
 
-    setChannelLayout(createChannelLayoutWithTag(channels == 1   ? kAudioChannelLayoutTag_Mono
-                                                : channels == 2 ? kAudioChannelLayoutTag_Stereo
-                                                                : kAudioChannelLayoutTag_Unknown));
+    setLayoutForChannelCount(channels);
 
-    if (c_->ch_layout.order != AV_CHANNEL_ORDER_UNSPEC)
-        av_channel_layout_copy(&outputLayout_, &c_->ch_layout);
-    else
-        av_channel_layout_default(&outputLayout_, int(channels));
+    converter_.setOutputLayout(c_->ch_layout, int(channels));
 
     packet_.reset(av_packet_alloc());
     VLX_ASSERT(packet_ != nullptr, "av_packet_alloc failed: %s", std::strerror(ENOMEM));
@@ -207,66 +189,40 @@ void FFMPEGDecoder::writeFrame(const AVFrame* frame) {
     convertFrame(frame);
 }
 
-// One converter serves all frames with the same input shape. Without a rate
-// change swresample keeps nothing from one call to the next (no resampler
-// history, no dither unless asked for), so this gives exactly what a fresh
-// context per frame would, without rebuilding the conversion tables each time.
+// One converter serves all frames with the same input shape.
 void FFMPEGDecoder::convertFrame(const AVFrame* frame) {
-    const auto format = AVSampleFormat(frame->format);
     const AVSampleFormat outFormat =
         decodeFormat_.mBitsPerChannel == 8 ? AV_SAMPLE_FMT_U8 : AV_SAMPLE_FMT_S16;
     const int outRate = int(decodeFormat_.mSampleRate);
-    if (!swr_ || format != swrInputFormat_ || frame->sample_rate != swrInputRate_ ||
-        av_channel_layout_compare(&frame->ch_layout, &swrInputLayout_) != 0) {
-        av_channel_layout_uninit(&swrInputLayout_);
-        av_channel_layout_copy(&swrInputLayout_, &frame->ch_layout);
-        AVChannelLayout input{};
-        if (frame->ch_layout.order == AV_CHANNEL_ORDER_UNSPEC)
-            av_channel_layout_default(&input, frame->ch_layout.nb_channels);
-        else
-            av_channel_layout_copy(&input, &frame->ch_layout);
-        SwrContext* raw = nullptr;
-        int err = swr_alloc_set_opts2(&raw, &outputLayout_, outFormat, outRate, &input, format,
-                                      frame->sample_rate, 0, nullptr);
-        av_channel_layout_uninit(&input);
-        swr_.reset(raw);
-        if (err >= 0)
-            err = swr_init(swr_.get());
-        if (err < 0) {
-            swr_.reset();
-            VLX_ASSERT(false, "Could Not Set Up The Sample Converter For File: %@ Error: %s",
-                       inFilePath(), avErrorString(err));
-        }
-        swrInputFormat_ = format;
-        swrInputRate_ = frame->sample_rate;
-    }
+    const int err = converter_.prepare(frame, outFormat, outRate);
+    VLX_ASSERT(err >= 0, "Could Not Set Up The Sample Converter For File: %@ Error: %s",
+               inFilePath(), avErrorString(err));
 
     const int channels = int(decodeFormat_.mChannelsPerFrame);
-    const int capacity =
-        int(av_rescale_rnd(swr_get_delay(swr_.get(), frame->sample_rate) + frame->nb_samples,
-                           outRate, frame->sample_rate, AV_ROUND_UP));
+    const int capacity = converter_.capacityFor(frame, outRate);
     uint8_t* raw = nullptr;
-    const int err = av_samples_alloc(&raw, nullptr, channels, capacity, outFormat, 1);
-    VLX_ASSERT(err >= 0, "av_samples_alloc failed: %s", avErrorString(err));
+    const int allocated = av_samples_alloc(&raw, nullptr, channels, capacity, outFormat, 1);
+    VLX_ASSERT(allocated >= 0, "av_samples_alloc failed: %s", avErrorString(allocated));
     AVSampleBufferPtr samples(raw);
-    const int n = swr_convert(swr_.get(), &raw, capacity,
+    const int n = swr_convert(converter_.context(), &raw, capacity,
                               const_cast<const uint8_t**>(frame->extended_data), frame->nb_samples);
     if (n > 0)
         appendToBuffer(samples.get(), uint32_t(n) * decodeFormat_.mBytesPerFrame);
 }
 
 void FFMPEGDecoder::flushConverter() {
-    if (!swr_ || swr_get_delay(swr_.get(), int(decodeFormat_.mSampleRate)) <= 0)
+    SwrContext* swr = converter_.context();
+    if (!swr || swr_get_delay(swr, int(decodeFormat_.mSampleRate)) <= 0)
         return;
     const AVSampleFormat outFormat =
         decodeFormat_.mBitsPerChannel == 8 ? AV_SAMPLE_FMT_U8 : AV_SAMPLE_FMT_S16;
-    const int capacity = int(swr_get_delay(swr_.get(), int(decodeFormat_.mSampleRate))) + 1;
+    const int capacity = int(swr_get_delay(swr, int(decodeFormat_.mSampleRate))) + 1;
     uint8_t* raw = nullptr;
     if (av_samples_alloc(&raw, nullptr, int(decodeFormat_.mChannelsPerFrame), capacity, outFormat,
                          1) < 0)
         return;
     AVSampleBufferPtr samples(raw);
-    const int n = swr_convert(swr_.get(), &raw, capacity, nullptr, 0);
+    const int n = swr_convert(swr, &raw, capacity, nullptr, 0);
     if (n > 0)
         appendToBuffer(samples.get(), uint32_t(n) * decodeFormat_.mBytesPerFrame);
 }

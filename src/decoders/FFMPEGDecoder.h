@@ -5,7 +5,7 @@
 // source's own 8-bit data for packed unsigned 8-bit streams.
 
 #include "core/KDDecoder.h"
-#include "core/LibavHandles.h"
+#include "core/LibavSampleConverter.h"
 
 namespace velvox {
 
@@ -36,12 +36,7 @@ private:
     const AVCodec* codec_ = nullptr;
     AVPacketPtr packet_;
     AVFramePtr frame_;
-    SwrContextPtr swr_;
-    // What swr_ was set up for; a change of input makes a new context.
-    AVSampleFormat swrInputFormat_ = AV_SAMPLE_FMT_NONE;
-    int swrInputRate_ = 0;
-    AVChannelLayout swrInputLayout_{};
-    AVChannelLayout outputLayout_{};
+    LibavSampleConverter converter_;
     int streamIndex_ = -1;
     int64_t totalFrames_ = -1;
     bool drained_ = false;

@@ -1,7 +1,6 @@
 #include "decoders/MonkeysAudioDecoder.h"
 
 #include "core/UtilityFunctions.h"
-#include "platform/ErrorLog.h"
 #include "platform/Exception.h"
 #include "platform/StringFormat.h"
 
@@ -15,25 +14,7 @@ bool MonkeysAudioDecoder::initWithFilename(const std::string& path) {
         return false;
     // The caller's exception handler names the file.
     VLX_ASSERT(stream_.open(path, AV_CODEC_ID_APE) >= 0, "Unable to open the input file.");
-
-    const uint32_t bits = stream_.bitsPerChannel();
-    const uint32_t channels = stream_.channels();
-    decodeFormat_.mSampleRate = double(stream_.sampleRate());
-    decodeFormat_.mFormatID = kAudioFormatLinearPCM;
-    decodeFormat_.mFormatFlags = kAudioFormatFlagIsSignedInteger | kAudioFormatFlagIsPacked;
-    decodeFormat_.mBitsPerChannel = bits;
-    decodeFormat_.mChannelsPerFrame = channels;
-    decodeFormat_.mBytesPerFrame = (bits / 8) * channels;
-    decodeFormat_.mFramesPerPacket = 1;
-    decodeFormat_.mBytesPerPacket = decodeFormat_.mBytesPerFrame;
-    if (decodeFormat_.mBytesPerFrame == 0 || stream_.sampleRate() == 0) {
-        ErrorLog::sharedController().logMessage("Failed To Determine mBytesPerFrame.");
-        return false;
-    }
-    setChannelLayout(createChannelLayoutWithTag(channels == 1   ? kAudioChannelLayoutTag_Mono
-                                                : channels == 2 ? kAudioChannelLayoutTag_Stereo
-                                                                : kAudioChannelLayoutTag_Unknown));
-    return true;
+    return takeStreamFormat(stream_.bitsPerChannel() / 8);
 }
 
 void MonkeysAudioDecoder::fillPCMBuffer() {

@@ -5,7 +5,6 @@
 #include <cstring>
 
 #include "core/UtilityFunctions.h"
-#include "platform/ErrorLog.h"
 #include "platform/Exception.h"
 #include "platform/StringFormat.h"
 
@@ -39,24 +38,11 @@ bool MusepackDecoder::initWithFilename(const std::string& path) {
 
     mpc_streaminfo info{};
     mpc_demux_get_info(demux_.get(), &info);
-    decodeFormat_.mSampleRate = double(info.sample_freq);
-    decodeFormat_.mFormatID = kAudioFormatLinearPCM;
-    decodeFormat_.mFormatFlags = kAudioFormatFlagIsSignedInteger | kAudioFormatFlagIsPacked;
-    decodeFormat_.mBitsPerChannel = kBits;
-    decodeFormat_.mChannelsPerFrame = info.channels;
-    decodeFormat_.mBytesPerFrame = (kBits / 8) * info.channels;
-    decodeFormat_.mFramesPerPacket = 1;
-    decodeFormat_.mBytesPerPacket = decodeFormat_.mBytesPerFrame;
-    if (decodeFormat_.mBytesPerFrame == 0) {
-        ErrorLog::sharedController().logMessage("Failed To Determine mBytesPerFrame.");
-        return false;
-    }
+    if (!setIntegerDecodeFormat(double(info.sample_freq), kBits, info.channels))
+        return unknownFrameSize();
     const int64_t length = mpc_streaminfo_get_length_samples(&info);
     totalFrames_ = length >= 0 ? length : -1;
-    setChannelLayout(createChannelLayoutWithTag(info.channels == 1 ? kAudioChannelLayoutTag_Mono
-                                                : info.channels == 2
-                                                    ? kAudioChannelLayoutTag_Stereo
-                                                    : kAudioChannelLayoutTag_Unknown));
+    setLayoutForChannelCount(info.channels);
     samples_.resize(MPC_DECODER_BUFFER_LENGTH);
     return true;
 }

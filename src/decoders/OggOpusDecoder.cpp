@@ -57,18 +57,8 @@ bool OggOpusDecoder::initWithFilename(const std::string& path) {
     }
     incrementPacketCount();
 
-    decodeFormat_.mSampleRate = rate_;
-    decodeFormat_.mFormatID = kAudioFormatLinearPCM;
-    decodeFormat_.mFormatFlags = kAudioFormatFlagIsSignedInteger | kAudioFormatFlagIsPacked;
-    decodeFormat_.mBitsPerChannel = 16;
-    decodeFormat_.mChannelsPerFrame = channels_;
-    decodeFormat_.mBytesPerFrame = 2 * channels_;
-    decodeFormat_.mBytesPerPacket = decodeFormat_.mBytesPerFrame;
-    decodeFormat_.mFramesPerPacket = 1;
-    if (decodeFormat_.mBytesPerFrame == 0) {
-        ErrorLog::sharedController().logMessage("Failed To Determine mBytesPerFrame.");
-        return false;
-    }
+    if (!setIntegerDecodeFormat(rate_, 16, channels_))
+        return unknownFrameSize();
     setChannelLayout(VorbisChannelLayout::create(channels_));
     return true;
 }

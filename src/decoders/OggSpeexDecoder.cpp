@@ -7,7 +7,6 @@
 
 #include "core/UtilityFunctions.h"
 #include "decoders/OggStreamLength.h"
-#include "platform/ErrorLog.h"
 #include "platform/Exception.h"
 
 namespace velvox {
@@ -53,20 +52,10 @@ bool OggSpeexDecoder::initWithFilename(const std::string& path) {
         speex_serialno = ogg_->stream().serialno;
     readHeader(packet);
 
-    decodeFormat_.mFormatID = kAudioFormatLinearPCM;
-    decodeFormat_.mFormatFlags = kAudioFormatFlagIsSignedInteger | kAudioFormatFlagIsPacked;
-    decodeFormat_.mBitsPerChannel = 16;
-    decodeFormat_.mChannelsPerFrame = channels_;
-    decodeFormat_.mBytesPerFrame = 2 * channels_;
-    decodeFormat_.mBytesPerPacket = decodeFormat_.mBytesPerFrame;
-    decodeFormat_.mFramesPerPacket = 1;
-    if (decodeFormat_.mBytesPerFrame == 0) {
-        ErrorLog::sharedController().logMessage("Failed To Determine mBytesPerFrame.");
-        return false;
-    }
-    setChannelLayout(createChannelLayoutWithTag(channels_ == 1   ? kAudioChannelLayoutTag_Mono
-                                                : channels_ == 2 ? kAudioChannelLayoutTag_Stereo
-                                                                 : kAudioChannelLayoutTag_Unknown));
+    // readHeader() has set the rate.
+    if (!setIntegerDecodeFormat(decodeFormat_.mSampleRate, 16, channels_))
+        return unknownFrameSize();
+    setLayoutForChannelCount(channels_);
     return true;
 }
 

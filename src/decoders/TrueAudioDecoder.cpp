@@ -23,25 +23,8 @@ bool TrueAudioDecoder::initWithFilename(const std::string& path) {
         log.logMessage(stringWithFormat("TTA Decoder init_get_info failed") + ": " + path);
         return false;
     }
-
-    const uint32_t bits = stream_.bitsPerChannel();
-    const uint32_t channels = stream_.channels();
-    decodeFormat_.mSampleRate = double(stream_.sampleRate());
-    decodeFormat_.mFormatID = kAudioFormatLinearPCM;
-    decodeFormat_.mFormatFlags = kAudioFormatFlagIsSignedInteger | kAudioFormatFlagIsPacked;
-    decodeFormat_.mBitsPerChannel = bits;
-    decodeFormat_.mChannelsPerFrame = channels;
-    decodeFormat_.mBytesPerFrame = ((bits + 7) / 8) * channels;
-    decodeFormat_.mFramesPerPacket = 1;
-    decodeFormat_.mBytesPerPacket = decodeFormat_.mBytesPerFrame;
-    if (decodeFormat_.mBytesPerFrame == 0 || stream_.sampleRate() == 0) {
-        log.logMessage("Failed To Determine mBytesPerFrame.");
-        return false;
-    }
-    setChannelLayout(createChannelLayoutWithTag(channels == 1   ? kAudioChannelLayoutTag_Mono
-                                                : channels == 2 ? kAudioChannelLayoutTag_Stereo
-                                                                : kAudioChannelLayoutTag_Unknown));
-    return true;
+    // A 20-bit stream keeps three bytes per sample.
+    return takeStreamFormat((stream_.bitsPerChannel() + 7) / 8);
 }
 
 void TrueAudioDecoder::fillPCMBuffer() {

@@ -6,7 +6,6 @@
 #include <cstring>
 
 #include "core/UtilityFunctions.h"
-#include "platform/ErrorLog.h"
 #include "platform/Exception.h"
 #include "platform/StringFormat.h"
 
@@ -48,7 +47,6 @@ WavPackDecoder::~WavPackDecoder() = default;
 bool WavPackDecoder::initWithFilename(const std::string& path) {
     if (!KDDecoder::initWithFilename(path))
         return false;
-    auto& log = ErrorLog::sharedController();
 
     char error[80] = {};
     wpc_.reset(WavpackOpenFileInput(path.c_str(), error, OPEN_WVC | OPEN_DSD_AS_PCM, 0));
@@ -61,24 +59,12 @@ bool WavPackDecoder::initWithFilename(const std::string& path) {
     // words), so the byte count, not the nominal bit count, is the depth.
     const uint32_t bits = isFloat_ ? 32 : uint32_t(WavpackGetBytesPerSample(wpc_.get())) * 8;
     const uint32_t channels = uint32_t(WavpackGetNumChannels(wpc_.get()));
-    decodeFormat_.mSampleRate = double(WavpackGetSampleRate(wpc_.get()));
-    decodeFormat_.mFormatID = kAudioFormatLinearPCM;
-    decodeFormat_.mFormatFlags = kAudioFormatFlagIsSignedInteger | kAudioFormatFlagIsPacked;
-    decodeFormat_.mBitsPerChannel = bits;
-    decodeFormat_.mChannelsPerFrame = channels;
-    decodeFormat_.mBytesPerFrame = (bits / 8) * channels;
-    decodeFormat_.mFramesPerPacket = 1;
-    decodeFormat_.mBytesPerPacket = decodeFormat_.mBytesPerFrame;
-    if (decodeFormat_.mBytesPerFrame == 0) {
-        log.logMessage("Failed To Determine mBytesPerFrame.");
-        return false;
-    }
+    if (!setIntegerDecodeFormat(double(WavpackGetSampleRate(wpc_.get())), bits, channels))
+        return unknownFrameSize();
     const int64_t samples = WavpackGetNumSamples64(wpc_.get());
     totalFrames_ = samples >= 0 ? samples : -1;
 
-    setChannelLayout(createChannelLayoutWithTag(channels == 1   ? kAudioChannelLayoutTag_Mono
-                                                : channels == 2 ? kAudioChannelLayoutTag_Stereo
-                                                                : kAudioChannelLayoutTag_Unknown));
+    setLayoutForChannelCount(channels);
     // At least one frame per call, however many channels the file has.
     samples_.resize(std::max<size_t>(kUnpackBytes / sizeof(int32_t), channels));
     return true;

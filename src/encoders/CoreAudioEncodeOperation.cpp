@@ -169,10 +169,7 @@ void CoreAudioEncodeOperation::writeMetadata() {
     if (!record)
         return;
     UserDefaults& defaults = UserDefaults::standardUserDefaults();
-    std::optional<std::string> encodedBy;
-    if (defaults.boolForKey("writeEncodedByMetadataTag"))
-        encodedBy = stringWithFormat("%s via Velvox %@", codecLibraryName(),
-                                     std::string(kVelvoxShortVersion));
+    const std::optional<std::string> encodedBy = encodedByText(codecLibraryName());
     const std::optional<std::string> comment = commentText();
 
     const CoreAudioTagWriter writer(*record, encodedBy, comment);

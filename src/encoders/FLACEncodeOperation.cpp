@@ -131,8 +131,7 @@ void FLACEncodeOperation::addMetadataAndStart(const std::string& tempFilePath) {
     // which a damaged header stating billions of frames turns into minutes.
     std::vector<FLAC__uint64> points;
     for (uint64_t k = 0; float(k) <= lastPoint; ++k)
-        points.push_back(
-            FLAC__uint64(double(k) * double(kSeekPointInterval) * sourceSampleRate()));
+        points.push_back(FLAC__uint64(double(k) * double(kSeekPointInterval) * sourceSampleRate()));
     VLX_ASSERT(FLAC__metadata_object_seektable_template_append_points(
                    seekTable_.get(), points.data(), uint32_t(points.size())),
                "FLAC__metadata_object_seektable_template_append_points Failed.");
@@ -236,11 +235,8 @@ void FLACEncodeOperation::releaseCodec() noexcept {
     channelPointers_.clear();
 }
 
-std::optional<std::string> FLACEncodeOperation::encodedByText() {
-    if (!UserDefaults::standardUserDefaults().boolForKey("writeEncodedByMetadataTag"))
-        return std::nullopt;
-    return stringWithFormat("FLAC %s via Velvox %@", FLAC__VERSION_STRING,
-                            std::string(kVelvoxShortVersion));
+std::string FLACEncodeOperation::flacCodecName() {
+    return std::string("FLAC ") + FLAC__VERSION_STRING;
 }
 
 void FLACEncodeOperation::writeMetadata() {
@@ -253,7 +249,7 @@ void FLACEncodeOperation::writeMetadata() {
         return;
 
     const std::shared_ptr<AudioMetadata> record = metadataForTags();
-    const std::optional<std::string> encodedBy = encodedByText();
+    const std::optional<std::string> encodedBy = encodedByText(flacCodecName());
     const std::optional<std::string> comment = commentText();
 
     // Created when missing, so that a file without a comment block (one

@@ -42,8 +42,8 @@ protected:
     // and starting the encoder on the temporary path. The encoder has its
     // stream parameters, compression and verify setting when it is called.
     virtual void addMetadataAndStart(const std::string& tempFilePath);
-    // "FLAC <version> via Velvox <version>" when the preferences ask for it.
-    static std::optional<std::string> encodedByText();
+    // "FLAC <version>": the encoder as the encoded-by tag names it.
+    static std::string flacCodecName();
 
     struct EncoderDeleter {
         void operator()(FLAC__StreamEncoder* encoder) const;

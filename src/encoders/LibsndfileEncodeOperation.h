@@ -48,13 +48,7 @@ protected:
         return "Libsndfile Does Not Support %u Bit Files.";
     }
     uint32_t readBufferSize(uint32_t decoderBitsPerChannel) const override;
-    uint32_t outputBitsPerChannel(const AudioStreamBasicDescription& decodeFormat) const override {
-        return decodeFormat.mBitsPerChannel;
-    }
-    double outputSampleRate(const AudioStreamBasicDescription& decodeFormat) const override {
-        return decodeFormat.mSampleRate;
-    }
-    bool mixesChannels() const override { return false; }
+    bool takesDecoderPCM() const override { return true; }
     // Operation thread.
     void setUpCodec(const std::string& tempFilePath) override;
     void finishCodec() override;

@@ -246,10 +246,8 @@ void MP3EncodeOperation::writeMetadata() {
     file.strip(TagLib::MPEG::File::AllTags);
 
     UserDefaults& defaults = UserDefaults::standardUserDefaults();
-    std::optional<std::string> encodedBy;
-    if (defaults.boolForKey("writeEncodedByMetadataTag"))
-        encodedBy = stringWithFormat("LAME %s via Velvox %@", get_lame_short_version(),
-                                     std::string(kVelvoxShortVersion));
+    const std::optional<std::string> encodedBy =
+        encodedByText(std::string("LAME ") + get_lame_short_version());
     const std::shared_ptr<AudioMetadata> record = metadataForTags();
     std::optional<std::string> comment;
     if (defaults.boolForKey("writeFormatStringToComments"))

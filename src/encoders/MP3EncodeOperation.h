@@ -45,14 +45,8 @@ protected:
                "Sizes. Aborting Operation";
     }
     uint32_t readBufferSize(uint32_t decoderBitsPerChannel) const override;
-    // LAME takes the decoder's PCM as it comes and converts it itself.
-    uint32_t outputBitsPerChannel(const AudioStreamBasicDescription& decodeFormat) const override {
-        return decodeFormat.mBitsPerChannel;
-    }
-    double outputSampleRate(const AudioStreamBasicDescription& decodeFormat) const override {
-        return decodeFormat.mSampleRate;
-    }
-    bool mixesChannels() const override { return false; }
+    // LAME converts the decoder's PCM itself.
+    bool takesDecoderPCM() const override { return true; }
 
     // Encode thread.
     void setUpCodec(const std::string& tempFilePath) override;

@@ -74,11 +74,8 @@ void MonkeysAudioEncodeOperation::writeMetadata() {
     if (!file.isValid())
         return;
 
-    UserDefaults& defaults = UserDefaults::standardUserDefaults();
-    std::optional<std::string> encodedBy;
-    if (defaults.boolForKey("writeEncodedByMetadataTag"))
-        encodedBy = stringWithFormat("MAC %s via Velvox %@", compressorVersion(),
-                                     std::string(kVelvoxShortVersion));
+    const std::optional<std::string> encodedBy =
+        encodedByText(std::string("MAC ") + compressorVersion());
 
     const std::shared_ptr<AudioMetadata> record = metadataForTags();
     const std::optional<std::string> comment = commentText();

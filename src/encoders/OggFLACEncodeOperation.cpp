@@ -36,19 +36,7 @@ void OggFLACEncodeOperation::addMetadataAndStart(const std::string& tempFilePath
 }
 
 void OggFLACEncodeOperation::writeMetadata() {
-    const std::optional<std::string> temp = tempFilePath();
-    std::error_code ec;
-    if (!temp || !std::filesystem::exists(*temp, ec))
-        return;
-    TagLib::Ogg::FLAC::File file(temp->c_str(), false, TagLib::AudioProperties::Average);
-    if (!file.isValid() || !file.tag())
-        return;
-
-    const std::shared_ptr<AudioMetadata> record = metadataForTags();
-    if (!record)
-        return;
-    record->fillOutXiphComment(file.tag(), encodedByText(), commentText(), true);
-    file.save();
+    writeXiphComment<TagLib::Ogg::FLAC::File>(flacCodecName());
 }
 
 } // namespace velvox

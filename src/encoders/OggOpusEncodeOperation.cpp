@@ -536,25 +536,7 @@ void OggOpusEncodeOperation::releaseCodec() noexcept {
 }
 
 void OggOpusEncodeOperation::writeMetadata() {
-    const std::optional<std::string> temp = tempFilePath();
-    std::error_code ec;
-    if (!temp || !std::filesystem::exists(*temp, ec))
-        return;
-    TagLib::Ogg::Opus::File file(temp->c_str(), false);
-    if (!file.isValid() || !file.tag())
-        return;
-
-    UserDefaults& defaults = UserDefaults::standardUserDefaults();
-    std::optional<std::string> encodedBy;
-    if (defaults.boolForKey("writeEncodedByMetadataTag"))
-        encodedBy = stringWithFormat("%s via Velvox %@", opus_get_version_string(),
-                                     std::string(kVelvoxShortVersion));
-    const std::shared_ptr<AudioMetadata> record = metadataForTags();
-    const std::optional<std::string> comment = commentText();
-    if (!record)
-        return;
-    record->fillOutXiphComment(file.tag(), encodedBy, comment, true);
-    file.save();
+    writeXiphComment<TagLib::Ogg::Opus::File>(opus_get_version_string());
 }
 
 } // namespace velvox

@@ -300,24 +300,7 @@ void OggSpeexEncodeOperation::releaseCodec() noexcept {
 }
 
 void OggSpeexEncodeOperation::writeMetadata() {
-    const std::optional<std::string> temp = tempFilePath();
-    std::error_code ec;
-    if (!temp || !std::filesystem::exists(*temp, ec))
-        return;
-    TagLib::Ogg::Speex::File file(temp->c_str(), false);
-    if (!file.isValid() || !file.tag())
-        return;
-    UserDefaults& defaults = UserDefaults::standardUserDefaults();
-    std::optional<std::string> encodedBy;
-    if (defaults.boolForKey("writeEncodedByMetadataTag"))
-        encodedBy = stringWithFormat("Speex %s via Velvox %@", speexVersion().c_str(),
-                                     std::string(kVelvoxShortVersion));
-    const std::shared_ptr<AudioMetadata> record = metadataForTags();
-    const std::optional<std::string> comment = commentText();
-    if (!record)
-        return;
-    record->fillOutXiphComment(file.tag(), encodedBy, comment, true);
-    file.save();
+    writeXiphComment<TagLib::Ogg::Speex::File>("Speex " + speexVersion());
 }
 
 } // namespace velvox

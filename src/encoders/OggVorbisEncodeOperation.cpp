@@ -302,25 +302,7 @@ void OggVorbisEncodeOperation::releaseCodec() noexcept {
 }
 
 void OggVorbisEncodeOperation::writeMetadata() {
-    const std::optional<std::string> temp = tempFilePath();
-    std::error_code ec;
-    if (!temp || !std::filesystem::exists(*temp, ec))
-        return;
-    TagLib::Ogg::Vorbis::File file(temp->c_str(), false, TagLib::AudioProperties::Average);
-    if (!file.isValid())
-        return;
-
-    UserDefaults& defaults = UserDefaults::standardUserDefaults();
-    std::optional<std::string> encodedBy;
-    if (defaults.boolForKey("writeEncodedByMetadataTag"))
-        encodedBy = stringWithFormat("Vorbis %s via Velvox %@", vorbis_version_string(),
-                                     std::string(kVelvoxShortVersion));
-    const std::shared_ptr<AudioMetadata> record = metadataForTags();
-    const std::optional<std::string> comment = commentText();
-    if (!record)
-        return;
-    record->fillOutXiphComment(file.tag(), encodedBy, comment, true);
-    file.save();
+    writeXiphComment<TagLib::Ogg::Vorbis::File>(std::string("Vorbis ") + vorbis_version_string());
 }
 
 } // namespace velvox

@@ -44,13 +44,7 @@ protected:
         return "Ogg Vorbis Does Not Support Sample Sizes Of %u Bits";
     }
     uint32_t readBufferSize(uint32_t decoderBitsPerChannel) const override;
-    uint32_t outputBitsPerChannel(const AudioStreamBasicDescription& decodeFormat) const override {
-        return decodeFormat.mBitsPerChannel;
-    }
-    double outputSampleRate(const AudioStreamBasicDescription& decodeFormat) const override {
-        return decodeFormat.mSampleRate;
-    }
-    bool mixesChannels() const override { return false; }
+    bool takesDecoderPCM() const override { return true; }
 
     // Encode thread.
     void setUpCodec(const std::string& tempFilePath) override;

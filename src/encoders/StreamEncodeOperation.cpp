@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "Version.h"
 #include "core/KDChannelMixer.h"
 #include "core/UtilityFunctions.h"
 #include "decoders/DSDDecoder.h"
@@ -88,14 +89,24 @@ uint32_t StreamEncodeOperation::readBufferSize(uint32_t decoderBitsPerChannel) c
 
 uint32_t
 StreamEncodeOperation::outputBitsPerChannel(const AudioStreamBasicDescription& decodeFormat) const {
+    if (takesDecoderPCM())
+        return decodeFormat.mBitsPerChannel;
     const uint32_t bitDepth = settings() ? settings()->bitDepth() : 0;
     return bitDepth != 0 ? bitDepth : decodeFormat.mBitsPerChannel;
 }
 
 double
 StreamEncodeOperation::outputSampleRate(const AudioStreamBasicDescription& decodeFormat) const {
+    if (takesDecoderPCM())
+        return decodeFormat.mSampleRate;
     const int64_t sampleRate = settings() ? settings()->sampleRate() : 0;
     return sampleRate != 0 ? double(sampleRate) : decodeFormat.mSampleRate;
+}
+
+std::optional<std::string> StreamEncodeOperation::encodedByText(const std::string& codec) {
+    if (!UserDefaults::standardUserDefaults().boolForKey("writeEncodedByMetadataTag"))
+        return std::nullopt;
+    return stringWithFormat("%@ via Velvox %@", codec, std::string(kVelvoxShortVersion));
 }
 
 std::optional<std::string> StreamEncodeOperation::commentText() {
@@ -462,8 +473,8 @@ void StreamEncodeOperation::checkInputWasWhole(const KDDecoder& decoder) const {
     std::string cause;
     std::string warning;
     if (decoder.totalFramesIsExact() && delivered < decoder.totalFrames()) {
-        cause = stringWithFormat("The input ended after %lld of %lld frames.",
-                                 (long long)delivered, (long long)decoder.totalFrames());
+        cause = stringWithFormat("The input ended after %lld of %lld frames.", (long long)delivered,
+                                 (long long)decoder.totalFrames());
         warning = stringWithFormat("Only %lld of %lld Frames Could Be Decoded",
                                    (long long)delivered, (long long)decoder.totalFrames());
     } else if (!decoder.damage().empty()) {
@@ -476,8 +487,8 @@ void StreamEncodeOperation::checkInputWasWhole(const KDDecoder& decoder) const {
     // log still says what is missing.
     if (UserDefaults::standardUserDefaults().boolForKey("allowIncompleteInput")) {
         ErrorLog::sharedController().logMessage(stringWithFormat(
-            "Warning: %@ Is Incomplete.  %@; The Output Keeps What Could Be Decoded.",
-            inFilePath(), warning));
+            "Warning: %@ Is Incomplete.  %@; The Output Keeps What Could Be Decoded.", inFilePath(),
+            warning));
         return;
     }
     VLX_ASSERT(false, "%@", cause);

@@ -12,6 +12,7 @@
 // the output-format and mixing hooks.
 
 #include <cstdint>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
@@ -71,7 +72,11 @@ protected:
     virtual void adjustOutputFormat(AudioStreamBasicDescription&) const {}
     // Whether the channel mixer may run. Without it the codec receives the
     // decoder's channels whatever the settings' channel mode says.
-    virtual bool mixesChannels() const { return true; }
+    virtual bool mixesChannels() const { return !takesDecoderPCM(); }
+    // Whether the codec takes the decoder's sample size, rate and channels as
+    // they come (and converts them itself): then the three hooks above
+    // answer the decoder's values.
+    virtual bool takesDecoderPCM() const { return false; }
     // The most channels the codec takes (0: any). A source with more is
     // folded to stereo (or mono) by the mixer whatever the channel mode.
     virtual uint32_t maximumChannels() const { return 0; }
@@ -101,6 +106,27 @@ protected:
     // values when the output's level is not the source's (a down-mix, a DSD
     // gain). Tagging thread.
     std::shared_ptr<AudioMetadata> metadataForTags();
+    // "<codec> via Velvox <version>" for the encoded-by tag when the
+    // preferences ask for it; nothing otherwise. Any thread.
+    static std::optional<std::string> encodedByText(const std::string& codec);
+    // writeMetadata() of the Ogg families: the record's tags into the
+    // temporary file's Xiph comment, with `codec` named as the encoder.
+    // `File` is the family's TagLib class. Tagging thread.
+    template <typename File>
+    void writeXiphComment(const std::string& codec) {
+        const std::optional<std::string> temp = tempFilePath();
+        std::error_code ec;
+        if (!temp || !std::filesystem::exists(*temp, ec))
+            return;
+        File file(temp->c_str(), false);
+        if (!file.isValid() || !file.tag())
+            return;
+        const std::shared_ptr<AudioMetadata> record = metadataForTags();
+        if (!record)
+            return;
+        record->fillOutXiphComment(file.tag(), encodedByText(codec), commentText(), true);
+        file.save();
+    }
     // Whether the codec received the audio at a rate other than the
     // decoder's, so that sample positions of the source no longer hold.
     bool sampleRateChanged() const { return sampleRateChanged_; }

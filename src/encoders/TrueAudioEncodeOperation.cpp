@@ -294,10 +294,7 @@ void TrueAudioEncodeOperation::writeMetadata() {
     if (!record)
         return;
 
-    std::optional<std::string> encodedBy;
-    if (UserDefaults::standardUserDefaults().boolForKey("writeEncodedByMetadataTag"))
-        encodedBy =
-            stringWithFormat("%s via Velvox %@", kCodecName, std::string(kVelvoxShortVersion));
+    const std::optional<std::string> encodedBy = encodedByText(kCodecName);
     const std::optional<std::string> comment = commentText();
 
     record->fillOutID3v1Tag(file.ID3v1Tag(true), comment);

@@ -33,14 +33,18 @@ std::vector<SettingSpec> common(const char* defaultExtension) {
     };
 }
 
+SettingSpec sampleRate() {
+    return {.name = "rate",
+            .aliases = {"sampleRate"},
+            .key = "sampleRate",
+            .kind = SettingKind::SampleRate,
+            .defaultValue = 0,
+            .expected = "a rate in Hz such as 44100 or 48k, or same"};
+}
+
 std::vector<SettingSpec> rateAndChannels() {
     return {
-        {.name = "rate",
-         .aliases = {"sampleRate"},
-         .key = "sampleRate",
-         .kind = SettingKind::SampleRate,
-         .defaultValue = 0,
-         .expected = "a rate in Hz such as 44100 or 48k, or same"},
+        sampleRate(),
         {.name = "mode",
          .key = "mode",
          .kind = SettingKind::ChannelMode,

@@ -10,6 +10,8 @@ namespace velvox::settings {
 
 // enabled, extension (ext) with the default extension, encoderAction (action).
 std::vector<SettingSpec> common(const char* defaultExtension);
+// sampleRate (rate): a rate in Hz, or 0 for the source's own.
+SettingSpec sampleRate();
 // sampleRate (rate) and mode plus its channel-count spelling (channels).
 std::vector<SettingSpec> rateAndChannels();
 // bitDepth (bits) from the sample sizes the encoder writes.

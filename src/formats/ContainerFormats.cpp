@@ -229,9 +229,7 @@ const EncoderDescriptor kCoreAudioEncoder{
         },
     .tagKinds = {"MP4 items", "ID3v2", "RIFF INFO", "CAF info"},
     .samples = {.bitDepths = {8, 16, 24, 32}, .maximumChannels = 8},
-    .reference = {.argv = {"ffmpeg", "-v", "error", "-y", "-i", "{in}", "-c:a", "pcm_s32le",
-                           "{out}"},
-                  .lossless = true},
+    .reference = ffmpegReference(true),
     .complete = completeCoreAudio,
 };
 

@@ -9,6 +9,7 @@
 
 #include "core/FormatEntry.h"
 #include "jobs/EncodeOperation.h"
+#include "jobs/EncoderDescriptor.h"
 
 namespace velvox {
 
@@ -22,6 +23,12 @@ public:
 template <typename T>
 std::unique_ptr<EncodeOperation> makeEncoder() {
     return std::make_unique<T>();
+}
+
+// FFmpeg as the independent decoder of an encoder's output, to 32-bit PCM.
+inline ReferenceDecoder ffmpegReference(bool lossless) {
+    return {.argv = {"ffmpeg", "-v", "error", "-y", "-i", "{in}", "-c:a", "pcm_s32le", "{out}"},
+            .lossless = lossless};
 }
 
 // The extensions every Ogg family shares; the first packet decides.

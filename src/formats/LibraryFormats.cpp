@@ -52,17 +52,10 @@ const EncoderDescriptor kMonkeysAudioEncoder{
                                       {"5000", 5000}},
                           .expected = "fast, normal, high, extra, insane, 1 to 5 or 1000 to 5000"},
                          settings::bitDepth({8, 16, 24}),
-                         {.name = "rate",
-                          .aliases = {"sampleRate"},
-                          .key = "sampleRate",
-                          .kind = SettingKind::SampleRate,
-                          .defaultValue = 0,
-                          .expected = "a rate in Hz such as 44100 or 48k, or same"}}}),
+                         settings::sampleRate()}}),
     .tagKinds = {"APEv2"},
     .samples = {.bitDepths = {8, 16, 24}, .maximumChannels = 2},
-    .reference = {.argv = {"ffmpeg", "-v", "error", "-y", "-i", "{in}", "-c:a", "pcm_s32le",
-                           "{out}"},
-                  .lossless = true},
+    .reference = ffmpegReference(true),
 };
 
 const EncoderDescriptor kTrueAudioEncoder{
@@ -70,19 +63,11 @@ const EncoderDescriptor kTrueAudioEncoder{
     .formatName = "tta",
     .className = "TrueAudioEncodeOperation",
     .make = makeEncoder<TrueAudioEncodeOperation>,
-    .settings = settings::join({settings::common("tta"),
-                                {settings::bitDepth({8, 16, 24}),
-                                 {.name = "rate",
-                                  .aliases = {"sampleRate"},
-                                  .key = "sampleRate",
-                                  .kind = SettingKind::SampleRate,
-                                  .defaultValue = 0,
-                                  .expected = "a rate in Hz such as 44100 or 48k, or same"}}}),
+    .settings = settings::join(
+        {settings::common("tta"), {settings::bitDepth({8, 16, 24}), settings::sampleRate()}}),
     .tagKinds = {"ID3v2", "ID3v1"},
     .samples = {.bitDepths = {8, 16, 24}, .maximumChannels = 8},
-    .reference = {.argv = {"ffmpeg", "-v", "error", "-y", "-i", "{in}", "-c:a", "pcm_s32le",
-                           "{out}"},
-                  .lossless = true},
+    .reference = ffmpegReference(true),
 };
 
 const DecoderClass kMonkeysAudioDecoder{"MonkeysAudioDecoder", makeDecoder<MonkeysAudioDecoder>};
@@ -92,57 +77,37 @@ const DecoderClass kTrueAudioDecoder{"TrueAudioDecoder", makeDecoder<TrueAudioDe
 const DecoderClass kModDecoder{"ModDecoder", makeDecoder<ModDecoder>};
 const DecoderClass kDSDDecoder{"DSDDecoder", makeDecoder<DSDDecoder>};
 
+// A family read through its own decoder and metadata reader.
+FormatEntry libraryFamily(const char* name, const char* displayName,
+                          std::vector<std::string> extensions, const DecoderClass& decoder,
+                          std::unique_ptr<AudioMetadata> (*readMetadata)(const std::string&),
+                          const EncoderDescriptor* encoder = nullptr) {
+    return {.name = name,
+            .displayName = displayName,
+            .extensions = std::move(extensions),
+            .decoder = &decoder,
+            .readMetadata = readMetadata,
+            .encoder = encoder};
+}
+
 } // namespace
 
-const FormatEntry kMonkeysAudioFormat{
-    .name = "ape",
-    .displayName = "Monkey's Audio",
-    .extensions = {"ape"},
-    .decoder = &kMonkeysAudioDecoder,
-    .readMetadata = &AudioMetadata::metadataFromMonkeysAudioFile,
-    .encoder = &kMonkeysAudioEncoder,
-};
-
-const FormatEntry kMusepackFormat{
-    .name = "musepack",
-    .displayName = "Musepack",
-    .extensions = {"mpc"},
-    .decoder = &kMusepackDecoder,
-    .readMetadata = &AudioMetadata::metadataFromMusepackFile,
-};
-
-const FormatEntry kWavPackFormat{
-    .name = "wavpack",
-    .displayName = "WavPack",
-    .extensions = {"wv"},
-    .decoder = &kWavPackDecoder,
-    .readMetadata = &AudioMetadata::metadataFromWavPackFile,
-};
-
-const FormatEntry kTrueAudioFormat{
-    .name = "tta",
-    .displayName = "True Audio",
-    .extensions = {"tta"},
-    .decoder = &kTrueAudioDecoder,
-    .readMetadata = &AudioMetadata::metadataFromTrueAudioFile,
-    .encoder = &kTrueAudioEncoder,
-};
-
-const FormatEntry kModFormat{
-    .name = "mod",
-    .displayName = "Tracker module",
-    .extensions = {"mod", "s3m", "xm",  "it",  "669", "amf", "ams", "dbm", "dmf", "dsm", "far",
+const FormatEntry kMonkeysAudioFormat =
+    libraryFamily("ape", "Monkey's Audio", {"ape"}, kMonkeysAudioDecoder,
+                  &AudioMetadata::metadataFromMonkeysAudioFile, &kMonkeysAudioEncoder);
+const FormatEntry kMusepackFormat = libraryFamily("musepack", "Musepack", {"mpc"}, kMusepackDecoder,
+                                                  &AudioMetadata::metadataFromMusepackFile);
+const FormatEntry kWavPackFormat = libraryFamily("wavpack", "WavPack", {"wv"}, kWavPackDecoder,
+                                                 &AudioMetadata::metadataFromWavPackFile);
+const FormatEntry kTrueAudioFormat =
+    libraryFamily("tta", "True Audio", {"tta"}, kTrueAudioDecoder,
+                  &AudioMetadata::metadataFromTrueAudioFile, &kTrueAudioEncoder);
+const FormatEntry kModFormat =
+    libraryFamily("mod", "Tracker module",
+                  {"mod", "s3m", "xm",  "it",  "669", "amf", "ams", "dbm", "dmf", "dsm", "far",
                    "mdl", "med", "mtm", "okt", "ptm", "stm", "ult", "umx", "mt2", "psm", "abc"},
-    .decoder = &kModDecoder,
-    .readMetadata = &AudioMetadata::metadataFromModFile,
-};
-
-const FormatEntry kDSDFormat{
-    .name = "dsd",
-    .displayName = "DSD (DSF, DSDIFF)",
-    .extensions = {"dff", "dsf"},
-    .decoder = &kDSDDecoder,
-    .readMetadata = &AudioMetadata::metadataFromDSDFile,
-};
+                  kModDecoder, &AudioMetadata::metadataFromModFile);
+const FormatEntry kDSDFormat = libraryFamily("dsd", "DSD (DSF, DSDIFF)", {"dff", "dsf"},
+                                             kDSDDecoder, &AudioMetadata::metadataFromDSDFile);
 
 } // namespace velvox

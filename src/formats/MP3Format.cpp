@@ -51,9 +51,7 @@ const EncoderDescriptor kMP3Encoder{
     .tagKinds = {"ID3v2", "ID3v1", "APEv2"},
     .samples = {.bitDepths = {8, 16, 24, 32}, .maximumChannels = 2},
     // FFmpeg honours the LAME frame's delay and padding.
-    .reference = {.argv = {"ffmpeg", "-v", "error", "-y", "-i", "{in}", "-c:a", "pcm_s32le",
-                           "{out}"},
-                  .lossless = false},
+    .reference = ffmpegReference(false),
     .methodForBitrateAlone = BitrateMethodCBR,
 };
 

@@ -56,9 +56,7 @@ const EncoderDescriptor kVorbisEncoder{
     .samples = {.bitDepths = {8, 16, 24, 32}, .maximumChannels = 8},
     // oggdec writes surround channels in a WAVE order of its own; FFmpeg's
     // are the standard ones.
-    .reference = {.argv = {"ffmpeg", "-v", "error", "-y", "-i", "{in}", "-c:a", "pcm_s32le",
-                           "{out}"},
-                  .lossless = false},
+    .reference = ffmpegReference(false),
     .methodForBitrateAlone = BitrateMethodABR,
 };
 

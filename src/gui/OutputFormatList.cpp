@@ -166,7 +166,12 @@ EncoderSettingsEditor* OutputFormatList::addFormat(const EncoderDescriptor& desc
     return openEditor(descriptor, dictionary, -1);
 }
 
-EncoderSettingsEditor* OutputFormatList::editSelected() {
+EncoderSettingsEditor* OutputFormatList::editSelected() { return openSelected(false); }
+
+// The copy only joins the list once it differs from every format in it.
+EncoderSettingsEditor* OutputFormatList::duplicateSelected() { return openSelected(true); }
+
+EncoderSettingsEditor* OutputFormatList::openSelected(bool asNewRow) {
     const auto list = controller_->encoderSettings();
     const int row = selectedRow();
     if (row < 0 || size_t(row) >= list.size())
@@ -174,23 +179,11 @@ EncoderSettingsEditor* OutputFormatList::editSelected() {
     const EncoderDescriptor* descriptor =
         EncoderDescriptor::forType(list[size_t(row)]->encoderType());
     if (!descriptor) {
-        emit refused(tr("This build has no encoder for this format."));
+        if (!asNewRow)
+            emit refused(tr("This build has no encoder for this format."));
         return nullptr;
     }
-    return openEditor(*descriptor, list[size_t(row)]->settingsDictionary(), row);
-}
-
-EncoderSettingsEditor* OutputFormatList::duplicateSelected() {
-    const auto list = controller_->encoderSettings();
-    const int row = selectedRow();
-    if (row < 0 || size_t(row) >= list.size())
-        return nullptr;
-    const EncoderDescriptor* descriptor =
-        EncoderDescriptor::forType(list[size_t(row)]->encoderType());
-    if (!descriptor)
-        return nullptr;
-    // The copy only joins the list once it differs from every format in it.
-    return openEditor(*descriptor, list[size_t(row)]->settingsDictionary(), -1);
+    return openEditor(*descriptor, list[size_t(row)]->settingsDictionary(), asNewRow ? -1 : row);
 }
 
 void OutputFormatList::removeSelected() {

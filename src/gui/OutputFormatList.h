@@ -55,6 +55,10 @@ signals:
 
 private:
     int selectedRow() const;
+    // Opens the editor on the selected format's values, its result going to
+    // that row or (asNewRow) to a new one. Null when nothing is selected or
+    // the build has no encoder for the format (said when editing).
+    EncoderSettingsEditor* openSelected(bool asNewRow);
     // Opens the editor on `dictionary`; its result goes to `row` (-1: a new row).
     EncoderSettingsEditor* openEditor(const EncoderDescriptor& descriptor,
                                       const nlohmann::json& dictionary, int row);

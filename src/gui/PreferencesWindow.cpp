@@ -175,6 +175,8 @@ QWidget* PreferencesWindow::filesPage() {
                  check("deleteOriginal", tr("Move the original to the trash after converting")));
     form->addRow(QString(),
                  check("skipFilesOfSameType", tr("Skip formats of the source's own type")));
+    form->addRow(QString(), check("allowIncompleteInput",
+                                  tr("Keep what decodes of a damaged or cut-short source")));
     form->addRow(QString(), check("renameAfterUpdatingMetadata",
                                   tr("Rename files by the template after updating tags")));
     form->addRow(tr("Queue:"),

@@ -83,31 +83,12 @@ void EncodeOperation::start() {
     thread_ = std::thread([this] { main(); });
 }
 
-void EncodeOperation::completeOperation() {
-    willChangeValueForKey("isFinished");
-    willChangeValueForKey("isExecuting");
-    executing_ = false;
-    finished_ = true;
-    didChangeValueForKey("isExecuting");
-    didChangeValueForKey("isFinished");
-}
-
-void EncodeOperation::setExecuting(bool value) {
-    willChangeValueForKey("isExecuting");
-    executing_ = value;
-    didChangeValueForKey("isExecuting");
-}
-
 void EncodeOperation::setWaitingUserInput(bool value) {
-    willChangeValueForKey("waitingUserInput");
-    waitingUserInput_ = value;
-    didChangeValueForKey("waitingUserInput");
+    setObserved("waitingUserInput", waitingUserInput_, value);
 }
 
 void EncodeOperation::setCurrentFrame(int64_t frame) {
-    willChangeValueForKey("currentFrame");
-    currentFrame_ = frame;
-    didChangeValueForKey("currentFrame");
+    setObserved("currentFrame", currentFrame_, frame);
 }
 
 std::string EncodeOperation::currentStatus() const {
@@ -116,12 +97,7 @@ std::string EncodeOperation::currentStatus() const {
 }
 
 void EncodeOperation::setCurrentStatus(std::string status) {
-    willChangeValueForKey("currentStatus");
-    {
-        std::lock_guard lock(mutex_);
-        currentStatus_ = std::move(status);
-    }
-    didChangeValueForKey("currentStatus");
+    setObserved("currentStatus", mutex_, currentStatus_, std::move(status));
 }
 
 std::optional<std::string> EncodeOperation::outFilePath() const {
@@ -220,12 +196,7 @@ std::shared_ptr<AudioMetadata> EncodeOperation::metadata() {
 }
 
 void EncodeOperation::setMetadata(std::shared_ptr<AudioMetadata> metadata) {
-    willChangeValueForKey("metadata");
-    {
-        std::lock_guard lock(mutex_);
-        metadata_ = std::move(metadata);
-    }
-    didChangeValueForKey("metadata");
+    setObserved("metadata", mutex_, metadata_, std::move(metadata));
 }
 
 void EncodeOperation::onMainThread(const std::function<void()>& task) {

@@ -21,12 +21,12 @@
 #include "core/DecoderDelegate.h"
 #include "jobs/EncodeOperationDelegate.h"
 #include "jobs/EncoderSettings.h"
+#include "jobs/ObservableOperation.h"
 #include "metadata/AudioMetadata.h"
-#include "platform/Observable.h"
 
 namespace velvox {
 
-class EncodeOperation : public Observable, public DecoderDelegate {
+class EncodeOperation : public ObservableOperation, public DecoderDelegate {
 public:
     EncodeOperation();
     // Waits for main() to return when it still runs on its own thread.
@@ -38,12 +38,8 @@ public:
     // Runs main() on a new thread; an operation cancelled before it started
     // finishes at once and counts as successful.
     void start();
-    // Announces the end: executing off, finished on.
-    void completeOperation();
     void cancel() { cancelled_ = true; }
     bool isCancelled() const { return cancelled_; }
-    bool isExecuting() const { return executing_; }
-    bool isFinished() const { return finished_; }
     bool isConcurrent() const { return true; }
 
     virtual void main() = 0;
@@ -118,7 +114,6 @@ public:
     std::string inputDisplayName() const;
 
 protected:
-    void setExecuting(bool value);
     // Runs a task on the main thread and waits for it.
     static void onMainThread(const std::function<void()>& task);
     // Runs a task on the tagging thread (or here, without a delegate) and waits.
@@ -155,8 +150,6 @@ private:
     std::atomic<bool> skipped_ = false;
     std::atomic<bool> waitingUserInput_ = false;
     std::atomic<bool> cancelled_ = false;
-    std::atomic<bool> executing_ = false;
-    std::atomic<bool> finished_ = false;
     std::atomic<bool> outputFileExistedBeforeEncode_ = false;
     // The output path before any " 2" numbering (operation thread only).
     std::optional<std::string> outputBasePath_;

@@ -40,6 +40,11 @@ FileEncodeOperation::FileEncodeOperation(std::string fullPath, std::string topLe
 }
 
 FileEncodeOperation::~FileEncodeOperation() {
+    stopWatching();
+    // The operations themselves (and their threads) go with the members.
+}
+
+std::vector<FileEncodeOperation::Watched> FileEncodeOperation::stopWatching() {
     std::vector<Watched> watched;
     {
         std::lock_guard lock(mutex_);
@@ -51,7 +56,7 @@ FileEncodeOperation::~FileEncodeOperation() {
         w.operation->cancel();
     }
     joinThreads();
-    // The operations themselves (and their threads) go with the members.
+    return watched;
 }
 
 void FileEncodeOperation::joinThreads() {
@@ -81,24 +86,11 @@ std::string FileEncodeOperation::currentStatus() const {
 }
 
 void FileEncodeOperation::setCurrentStatus(std::string status) {
-    willChangeValueForKey("currentStatus");
-    {
-        std::lock_guard lock(mutex_);
-        currentStatus_ = std::move(status);
-    }
-    didChangeValueForKey("currentStatus");
+    setObserved("currentStatus", mutex_, currentStatus_, std::move(status));
 }
 
 void FileEncodeOperation::setPercentCompleteNumber(float value) {
-    willChangeValueForKey("percentComplete");
-    percentComplete_ = value;
-    didChangeValueForKey("percentComplete");
-}
-
-void FileEncodeOperation::setExecuting(bool value) {
-    willChangeValueForKey("isExecuting");
-    executing_ = value;
-    didChangeValueForKey("isExecuting");
+    setObserved("percentComplete", percentComplete_, value);
 }
 
 std::vector<std::shared_ptr<EncodeOperation>> FileEncodeOperation::operations() const {
@@ -138,12 +130,7 @@ std::shared_ptr<AudioMetadata> FileEncodeOperation::metadata() {
 }
 
 void FileEncodeOperation::setMetadata(std::shared_ptr<AudioMetadata> metadata) {
-    willChangeValueForKey("metadata");
-    {
-        std::lock_guard lock(mutex_);
-        metadata_ = std::move(metadata);
-    }
-    didChangeValueForKey("metadata");
+    setObserved("metadata", mutex_, metadata_, std::move(metadata));
 }
 
 // ---- Running ----
@@ -398,15 +385,6 @@ void FileEncodeOperation::finishJob(bool trashInput, std::optional<std::string> 
     });
 }
 
-void FileEncodeOperation::completeOperation() {
-    willChangeValueForKey("isFinished");
-    willChangeValueForKey("isExecuting");
-    executing_ = false;
-    finished_ = true;
-    didChangeValueForKey("isExecuting");
-    didChangeValueForKey("isFinished");
-}
-
 void FileEncodeOperation::cancel() { setCancelled(true); }
 
 void FileEncodeOperation::setCancelled(bool value) {
@@ -426,17 +404,7 @@ void FileEncodeOperation::setCancelled(bool value) {
 }
 
 void FileEncodeOperation::resetOperation() {
-    std::vector<Watched> unfinished;
-    {
-        std::lock_guard lock(mutex_);
-        unfinished.swap(operations_);
-    }
-    for (Watched& w : unfinished) {
-        for (uint64_t token : w.tokens)
-            w.operation->removeObserver(token);
-        w.operation->cancel();
-    }
-    joinThreads();
+    std::vector<Watched> unfinished = stopWatching();
     std::vector<std::shared_ptr<EncodeOperation>> released;
     {
         std::lock_guard lock(mutex_);
@@ -459,12 +427,7 @@ void FileEncodeOperation::resetOperation() {
     setCurrentStatus(inputFileName());
     cancelled_ = false;
     skipped_ = false;
-    willChangeValueForKey("isFinished");
-    willChangeValueForKey("isExecuting");
-    finished_ = false;
-    executing_ = false;
-    didChangeValueForKey("isExecuting");
-    didChangeValueForKey("isFinished");
+    setRunState(false, false);
     reEncodeToSamefile_ = false;
     success_ = true;
 }

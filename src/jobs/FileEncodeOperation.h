@@ -17,8 +17,8 @@
 #include <thread>
 #include <vector>
 
+#include "jobs/ObservableOperation.h"
 #include "metadata/AudioMetadata.h"
-#include "platform/Observable.h"
 
 namespace velvox {
 
@@ -26,7 +26,7 @@ class EncodeOperation;
 class EncoderSettings;
 class FileEncodeOperationDelegate;
 
-class FileEncodeOperation : public Observable,
+class FileEncodeOperation : public ObservableOperation,
                             public std::enable_shared_from_this<FileEncodeOperation> {
 public:
     // Jobs hand themselves to other threads, so they only live in shared_ptrs.
@@ -41,7 +41,6 @@ public:
     void main();
     void cancel();
     void setCancelled(bool value);
-    void completeOperation();
     // Makes the row ready to run again.
     void resetOperation();
 
@@ -72,8 +71,6 @@ public:
     bool success() const { return success_; }
     bool skipped() const { return skipped_; }
     bool isCancelled() const { return cancelled_; }
-    bool isExecuting() const { return executing_; }
-    bool isFinished() const { return finished_; }
     bool reEncodeToSamefile() const { return reEncodeToSamefile_; }
     std::string currentStatus() const;
     void setCurrentStatus(std::string status);
@@ -94,8 +91,10 @@ private:
     void operationDidChange(EncodeOperation& operation, const std::string& key);
     void operationDidFinish(EncodeOperation& operation);
     void finishJob(bool trashInput, std::optional<std::string> newInFilePath);
-    void setExecuting(bool value);
     void joinThreads();
+    // Stops observing and cancels the running operations, waits for this
+    // job's threads and answers the operations it watched.
+    std::vector<Watched> stopWatching();
 
     std::string topLevelPath_;
     FileEncodeOperationDelegate* delegate_ = nullptr;
@@ -116,8 +115,6 @@ private:
     std::atomic<bool> success_ = true;
     std::atomic<bool> skipped_ = false;
     std::atomic<bool> cancelled_ = false;
-    std::atomic<bool> executing_ = false;
-    std::atomic<bool> finished_ = false;
     std::atomic<bool> reEncodeToSamefile_ = false;
 
     std::mutex metadataLoadMutex_; // one load at a time

@@ -257,6 +257,74 @@ void setTagKinds(AudioMetadata& metadata, const std::vector<std::string>& kinds)
         metadata.setSourceTagFormat(joined(kinds, ", "));
 }
 
+// The shape of every TagLib reader: the record starts with the kind and
+// format texts (either may be absent), the file is opened with the
+// container's TagLib class, and a file TagLib cannot parse keeps just those
+// texts. `fill` reads a valid file's facts and tags.
+template <typename File, typename Fill>
+std::unique_ptr<AudioMetadata> readTagLibFile(const std::string& path, const char* kind,
+                                              const char* format, Fill fill) {
+    auto metadata = std::make_unique<AudioMetadata>();
+    if (kind)
+        metadata->setSourceKind(kind);
+    if (format)
+        metadata->setSourceFormat(format);
+    File file(path.c_str(), true);
+    if (file.isValid())
+        fill(file, *metadata);
+    return metadata;
+}
+
+void addVorbisComment(const TagLib::Ogg::XiphComment* tag, AudioMetadata& metadata) {
+    if (!tag)
+        return;
+    AudioMetadata::addInfoFromVorbisTag(tag, metadata);
+    metadata.setSourceTagFormat("Vorbis");
+}
+
+// ID3v2 before ID3v1, each taking only the fields still absent, for the
+// TagLib classes that have them; the kinds found are added to `kinds`.
+// (AIFF's class calls its ID3v2 tag just tag().)
+template <typename File>
+void addID3Tags(File& file, AudioMetadata& metadata, std::vector<std::string>& kinds) {
+    if constexpr (requires { file.hasID3v2Tag(); }) {
+        const TagLib::ID3v2::Tag* tag = nullptr;
+        if (file.hasID3v2Tag()) {
+            if constexpr (requires { file.ID3v2Tag(); })
+                tag = file.ID3v2Tag();
+            else
+                tag = file.tag();
+        }
+        if (tag) {
+            AudioMetadata::addInfoFromID3v2Tag(tag, metadata);
+            kinds.push_back(id3v2Kind(tag));
+        }
+    }
+    if constexpr (requires { file.hasID3v1Tag(); }) {
+        if (file.hasID3v1Tag()) {
+            AudioMetadata::addInfoFromID3v1Tag(file.ID3v1Tag(), metadata);
+            kinds.push_back("ID3v1");
+        }
+    }
+}
+
+// A file whose only tags are ID3 ones.
+template <typename File>
+void addOnlyID3Tags(File& file, AudioMetadata& metadata) {
+    std::vector<std::string> kinds;
+    addID3Tags(file, metadata, kinds);
+    setTagKinds(metadata, kinds);
+}
+
+template <typename File>
+void addAPETag(File& file, AudioMetadata& metadata, std::vector<std::string>& kinds,
+               const char* versionFormat) {
+    if (file.hasAPETag()) {
+        AudioMetadata::addInfoFromAPETag(file.APETag(), metadata);
+        kinds.push_back(apeKind(file.APETag(), versionFormat));
+    }
+}
+
 // Length in whole seconds, bit rate scaled as the reader wants it (1000 turns
 // TagLib's kilobits into bits; 1 keeps kilobits), rate and channels.
 template <typename Properties>
@@ -439,6 +507,18 @@ void addFFMPEGMetadataEntry(const std::string& key, const char* rawValue, AudioM
             [&](int64_t n) { metadata.setTotalTracks(n); });
 }
 
+// The family's own reader; the container reader for families without one
+// and for extensions no family claims. An Ogg file of an unknown codec gets
+// no tags (null).
+std::unique_ptr<AudioMetadata> readFamilyMetadata(const std::string& path) {
+    const FormatRegistry::Match family = FormatRegistry::match(path);
+    if (family.entry && family.entry->readMetadata)
+        return family.entry->readMetadata(path);
+    if (!family.isOgg)
+        return readCoreAudioFile(path);
+    return nullptr;
+}
+
 } // namespace
 
 // ---------------------------------------------------------------------------
@@ -452,14 +532,7 @@ void AudioMetadata::setFilenamePatternExpander(FilenamePatternExpander expander)
 std::unique_ptr<AudioMetadata> AudioMetadata::metadataFromFile(const std::string& path) {
     std::unique_ptr<AudioMetadata> metadata;
     try {
-        // The family's own reader; the container reader for families without
-        // one and for extensions no family claims. An Ogg file of an unknown
-        // codec gets no tags.
-        const FormatRegistry::Match family = FormatRegistry::match(path);
-        if (family.entry && family.entry->readMetadata)
-            metadata = family.entry->readMetadata(path);
-        else if (!family.isOgg)
-            metadata = readCoreAudioFile(path);
+        metadata = readFamilyMetadata(path);
         if (!metadata)
             metadata = std::make_unique<AudioMetadata>();
         addCommonFacts(path, *metadata);
@@ -478,11 +551,7 @@ std::unique_ptr<AudioMetadata> AudioMetadata::metadataFromFile(const std::string
 std::unique_ptr<AudioMetadata> AudioMetadata::tagsFromFile(const std::string& path) {
     std::unique_ptr<AudioMetadata> metadata;
     try {
-        const FormatRegistry::Match family = FormatRegistry::match(path);
-        if (family.entry && family.entry->readMetadata)
-            metadata = family.entry->readMetadata(path);
-        else if (!family.isOgg)
-            metadata = readCoreAudioFile(path);
+        metadata = readFamilyMetadata(path);
     } catch (const std::exception&) {
         // A file we cannot read again has no tags we can vouch for.
     }
@@ -520,144 +589,98 @@ void AudioMetadata::readAlbumArtworkFromFilename(const std::string& patternPath,
 // Xiph, FLAC and Ogg
 
 std::unique_ptr<AudioMetadata> AudioMetadata::metadataFromFLACFile(const std::string& path) {
-    auto metadata = std::make_unique<AudioMetadata>();
-    metadata->setSourceKind("FLAC");
-    metadata->setSourceFormat("Free Lossless Audio Codec");
-    TagLib::FLAC::File file(path.c_str(), true);
-    if (!file.isValid())
-        return metadata;
+    return readTagLibFile<TagLib::FLAC::File>(
+        path, "FLAC", "Free Lossless Audio Codec", [](auto& file, AudioMetadata& metadata) {
+            if (const auto* properties = file.audioProperties()) {
+                addAudioProperties(metadata, properties, 1000);
+                metadata.setSourceSampleSize(properties->bitsPerSample());
+            }
+            std::vector<std::string> kinds;
+            if (file.hasXiphComment()) {
+                addInfoFromVorbisTag(file.xiphComment(), metadata);
+                kinds.push_back("Vorbis");
+            }
+            addID3Tags(file, metadata, kinds);
+            setTagKinds(metadata, kinds);
 
-    if (const auto* properties = file.audioProperties()) {
-        addAudioProperties(*metadata, properties, 1000);
-        metadata->setSourceSampleSize(properties->bitsPerSample());
-    }
-    std::vector<std::string> kinds;
-    if (file.hasXiphComment()) {
-        addInfoFromVorbisTag(file.xiphComment(), *metadata);
-        kinds.push_back("Vorbis");
-    }
-    if (file.hasID3v2Tag()) {
-        addInfoFromID3v2Tag(file.ID3v2Tag(), *metadata);
-        kinds.push_back(id3v2Kind(file.ID3v2Tag()));
-    }
-    if (file.hasID3v1Tag()) {
-        addInfoFromID3v1Tag(file.ID3v1Tag(), *metadata);
-        kinds.push_back("ID3v1");
-    }
-    setTagKinds(*metadata, kinds);
-
-    // Exactly one picture block is taken as it is stored. With several, none
-    // is: they reach the record only through the comment's picture fields.
-    const TagLib::List<TagLib::FLAC::Picture*> pictures = file.pictureList();
-    if (pictures.size() == 1) {
-        const TagLib::FLAC::Picture* picture = pictures.front();
-        auto artwork = std::make_shared<AlbumArtwork>();
-        const TagLib::ByteVector data = picture->data();
-        artwork->setData(std::vector<uint8_t>(data.begin(), data.end()));
-        artwork->setArtworkType(int32_t(picture->type()));
-        artwork->setComments(utf8(picture->description()));
-        artwork->setMimeType(utf8(picture->mimeType()));
-        metadata->setAlbumArtwork(std::move(artwork));
-    }
-    return metadata;
+            // Exactly one picture block is taken as it is stored. With
+            // several, none is: they reach the record only through the
+            // comment's picture fields.
+            const TagLib::List<TagLib::FLAC::Picture*> pictures = file.pictureList();
+            if (pictures.size() == 1) {
+                const TagLib::FLAC::Picture* picture = pictures.front();
+                auto artwork = std::make_shared<AlbumArtwork>();
+                const TagLib::ByteVector data = picture->data();
+                artwork->setData(std::vector<uint8_t>(data.begin(), data.end()));
+                artwork->setArtworkType(int32_t(picture->type()));
+                artwork->setComments(utf8(picture->description()));
+                artwork->setMimeType(utf8(picture->mimeType()));
+                metadata.setAlbumArtwork(std::move(artwork));
+            }
+        });
 }
 
 std::unique_ptr<AudioMetadata> AudioMetadata::metadataFromOggFLACFile(const std::string& path) {
-    auto metadata = std::make_unique<AudioMetadata>();
-    metadata->setSourceKind("OGG FLAC");
-    metadata->setSourceFormat("Free Lossless Audio Codec");
-    TagLib::Ogg::FLAC::File file(path.c_str(), true);
-    if (!file.isValid())
-        return metadata;
-
-    if (const auto* properties = file.audioProperties()) {
-        addAudioProperties(*metadata, properties, 1);
-        metadata->setSourceSampleSize(properties->bitsPerSample());
-    }
-    if (file.hasXiphComment() && file.tag()) {
-        addInfoFromVorbisTag(file.tag(), *metadata);
-        metadata->setSourceTagFormat("Vorbis");
-    }
-    return metadata;
+    return readTagLibFile<TagLib::Ogg::FLAC::File>(
+        path, "OGG FLAC", "Free Lossless Audio Codec", [](auto& file, AudioMetadata& metadata) {
+            if (const auto* properties = file.audioProperties()) {
+                addAudioProperties(metadata, properties, 1);
+                metadata.setSourceSampleSize(properties->bitsPerSample());
+            }
+            if (file.hasXiphComment())
+                addVorbisComment(file.tag(), metadata);
+        });
 }
 
 std::unique_ptr<AudioMetadata> AudioMetadata::metadataFromOggVorbisFile(const std::string& path) {
-    auto metadata = std::make_unique<AudioMetadata>();
-    metadata->setSourceKind("OGG Vorbis");
-    metadata->setSourceFormat("Vorbis");
-    TagLib::Vorbis::File file(path.c_str(), true);
-    if (!file.isValid())
-        return metadata;
-
-    if (const auto* properties = file.audioProperties()) {
-        addAudioProperties(*metadata, properties, 1000);
-        const bool constant = properties->bitrateMinimum() != 0 &&
-                              properties->bitrateMinimum() == properties->bitrateMaximum();
-        metadata->setSourceBitrateMode(constant ? "CBR" : "VBR");
-    }
-    if (file.tag()) {
-        addInfoFromVorbisTag(file.tag(), *metadata);
-        metadata->setSourceTagFormat("Vorbis");
-    }
-    return metadata;
+    return readTagLibFile<TagLib::Vorbis::File>(
+        path, "OGG Vorbis", "Vorbis", [](auto& file, AudioMetadata& metadata) {
+            if (const auto* properties = file.audioProperties()) {
+                addAudioProperties(metadata, properties, 1000);
+                const bool constant = properties->bitrateMinimum() != 0 &&
+                                      properties->bitrateMinimum() == properties->bitrateMaximum();
+                metadata.setSourceBitrateMode(constant ? "CBR" : "VBR");
+            }
+            addVorbisComment(file.tag(), metadata);
+        });
 }
 
 std::unique_ptr<AudioMetadata> AudioMetadata::metadataFromOggSpeexFile(const std::string& path) {
-    auto metadata = std::make_unique<AudioMetadata>();
-    metadata->setSourceKind("OGG Speex");
-    TagLib::Ogg::Speex::File file(path.c_str(), true);
-    if (!file.isValid())
-        return metadata;
-
-    if (const auto* properties = file.audioProperties()) {
-        metadata->setSourceFormat(stringWithFormat("Speex v%d", properties->speexVersion()));
-        addAudioProperties(*metadata, properties, 1);
-    }
-    if (file.tag()) {
-        addInfoFromVorbisTag(file.tag(), *metadata);
-        metadata->setSourceTagFormat("Vorbis");
-    }
-    return metadata;
+    return readTagLibFile<TagLib::Ogg::Speex::File>(
+        path, "OGG Speex", nullptr, [](auto& file, AudioMetadata& metadata) {
+            if (const auto* properties = file.audioProperties()) {
+                metadata.setSourceFormat(stringWithFormat("Speex v%d", properties->speexVersion()));
+                addAudioProperties(metadata, properties, 1);
+            }
+            addVorbisComment(file.tag(), metadata);
+        });
 }
 
 std::unique_ptr<AudioMetadata> AudioMetadata::metadataFromOpusFile(const std::string& path) {
-    auto metadata = std::make_unique<AudioMetadata>();
-    metadata->setSourceKind("Ogg Opus");
-    metadata->setSourceFormat("Opus");
-    TagLib::Ogg::Opus::File file(path.c_str(), true);
-    if (!file.isValid())
-        return metadata;
-
-    if (const auto* properties = file.audioProperties()) {
-        metadata->setSourceLength(double(properties->lengthInSeconds()));
-        metadata->setSourceSampleRate(int64_t(properties->sampleRate()));
-        metadata->setSourceChannels(int64_t(properties->channels()));
-    }
-    if (file.tag()) {
-        addInfoFromVorbisTag(file.tag(), *metadata);
-        metadata->setSourceTagFormat("Vorbis");
-    }
-    return metadata;
+    return readTagLibFile<TagLib::Ogg::Opus::File>(
+        path, "Ogg Opus", "Opus", [](auto& file, AudioMetadata& metadata) {
+            if (const auto* properties = file.audioProperties()) {
+                metadata.setSourceLength(double(properties->lengthInSeconds()));
+                metadata.setSourceSampleRate(int64_t(properties->sampleRate()));
+                metadata.setSourceChannels(int64_t(properties->channels()));
+            }
+            addVorbisComment(file.tag(), metadata);
+        });
 }
 
 // ---------------------------------------------------------------------------
 // Windows Media and FFmpeg
 
 std::unique_ptr<AudioMetadata> AudioMetadata::metadataFromWMAFile(const std::string& path) {
-    auto metadata = std::make_unique<AudioMetadata>();
-    metadata->setSourceKind("Windows Media");
-    metadata->setSourceFormat("Windows Media Audio");
-    TagLib::ASF::File file(path.c_str(), true);
-    if (!file.isValid())
-        return metadata;
-
-    if (const auto* properties = file.audioProperties())
-        addAudioProperties(*metadata, properties, 1);
-    if (file.tag()) {
-        addInfoFromASFTag(file.tag(), *metadata);
-        metadata->setSourceTagFormat("ASF");
-    }
-    return metadata;
+    return readTagLibFile<TagLib::ASF::File>(
+        path, "Windows Media", "Windows Media Audio", [](auto& file, AudioMetadata& metadata) {
+            if (const auto* properties = file.audioProperties())
+                addAudioProperties(metadata, properties, 1);
+            if (file.tag()) {
+                addInfoFromASFTag(file.tag(), metadata);
+                metadata.setSourceTagFormat("ASF");
+            }
+        });
 }
 
 std::unique_ptr<AudioMetadata> AudioMetadata::metadataFromFFMPEGFile(const std::string& path) {
@@ -724,18 +747,8 @@ std::unique_ptr<AudioMetadata> AudioMetadata::metadataFromMP3File(const std::str
         return metadata;
 
     std::vector<std::string> kinds;
-    if (file.hasID3v2Tag()) {
-        addInfoFromID3v2Tag(file.ID3v2Tag(), *metadata);
-        kinds.push_back(id3v2Kind(file.ID3v2Tag()));
-    }
-    if (file.hasID3v1Tag()) {
-        addInfoFromID3v1Tag(file.ID3v1Tag(), *metadata);
-        kinds.push_back("ID3v1");
-    }
-    if (file.hasAPETag()) {
-        addInfoFromAPETag(file.APETag(), *metadata);
-        kinds.push_back(apeKind(file.APETag(), "APE Tag v%0.2f"));
-    }
+    addID3Tags(file, *metadata, kinds);
+    addAPETag(file, *metadata, kinds, "APE Tag v%0.2f");
     setTagKinds(*metadata, kinds);
 
     // The first frame's header names version, layer and channel mode; a Xing
@@ -770,46 +783,30 @@ std::unique_ptr<AudioMetadata> AudioMetadata::metadataFromMP3File(const std::str
 }
 
 std::unique_ptr<AudioMetadata> AudioMetadata::metadataFromMP4File(const std::string& path) {
-    auto metadata = std::make_unique<AudioMetadata>();
-    TagLib::MP4::File file(path.c_str(), true);
-    if (!file.isValid())
-        return metadata;
-
-    if (file.hasMP4Tag() && file.tag()) {
-        addInfoFromMP4Tag(file.tag(), *metadata);
-        metadata->setSourceTagFormat("MP4 Metadata");
-    }
-    getCoreAudioInfoFromFile(path, *metadata);
-    return metadata;
+    return readTagLibFile<TagLib::MP4::File>(path, nullptr, nullptr,
+                                             [&path](auto& file, AudioMetadata& metadata) {
+                                                 if (file.hasMP4Tag() && file.tag()) {
+                                                     addInfoFromMP4Tag(file.tag(), metadata);
+                                                     metadata.setSourceTagFormat("MP4 Metadata");
+                                                 }
+                                                 getCoreAudioInfoFromFile(path, metadata);
+                                             });
 }
 
 std::unique_ptr<AudioMetadata> AudioMetadata::metadataFromAIFFFile(const std::string& path) {
-    auto metadata = std::make_unique<AudioMetadata>();
-    TagLib::RIFF::AIFF::File file(path.c_str(), true);
-    if (!file.isValid())
-        return metadata;
-
-    if (file.hasID3v2Tag() && file.tag()) {
-        addInfoFromID3v2Tag(file.tag(), *metadata);
-        metadata->setSourceTagFormat(id3v2Kind(file.tag()));
-    }
-    getCoreAudioInfoFromFile(path, *metadata);
-    return metadata;
+    return readTagLibFile<TagLib::RIFF::AIFF::File>(path, nullptr, nullptr,
+                                                    [&path](auto& file, AudioMetadata& metadata) {
+                                                        addOnlyID3Tags(file, metadata);
+                                                        getCoreAudioInfoFromFile(path, metadata);
+                                                    });
 }
 
 std::unique_ptr<AudioMetadata> AudioMetadata::metadataFromWAVEFile(const std::string& path) {
-    auto metadata = std::make_unique<AudioMetadata>();
-    metadata->setSourceKind("WAVE");
-    TagLib::RIFF::WAV::File file(path.c_str(), true);
-    if (!file.isValid())
-        return metadata;
-
-    if (file.hasID3v2Tag() && file.ID3v2Tag()) {
-        addInfoFromID3v2Tag(file.ID3v2Tag(), *metadata);
-        metadata->setSourceTagFormat(id3v2Kind(file.ID3v2Tag()));
-    }
-    getCoreAudioInfoFromFile(path, *metadata);
-    return metadata;
+    return readTagLibFile<TagLib::RIFF::WAV::File>(path, "WAVE", nullptr,
+                                                   [&path](auto& file, AudioMetadata& metadata) {
+                                                       addOnlyID3Tags(file, metadata);
+                                                       getCoreAudioInfoFromFile(path, metadata);
+                                                   });
 }
 
 // ---------------------------------------------------------------------------
@@ -823,35 +820,18 @@ namespace {
 template <typename File, typename FormatText, typename SampleSize>
 std::unique_ptr<AudioMetadata> readAPEFamilyFile(const std::string& path, const char* kind,
                                                  FormatText formatText, SampleSize sampleSize) {
-    auto metadata = std::make_unique<AudioMetadata>();
-    metadata->setSourceKind(kind);
-    File file(path.c_str(), true);
-    if (!file.isValid())
-        return metadata;
-
-    if (const auto* properties = file.audioProperties()) {
-        metadata->setSourceFormat(formatText(*properties));
-        addAudioProperties(*metadata, properties, 1000);
-        metadata->setSourceSampleSize(sampleSize(*properties));
-    }
-    std::vector<std::string> kinds;
-    if constexpr (requires { file.hasAPETag(); }) {
-        if (file.hasAPETag()) {
-            AudioMetadata::addInfoFromAPETag(file.APETag(), *metadata);
-            kinds.push_back(apeKind(file.APETag(), "APE Tag v%0.1f"));
+    return readTagLibFile<File>(path, kind, nullptr, [&](auto& file, AudioMetadata& metadata) {
+        if (const auto* properties = file.audioProperties()) {
+            metadata.setSourceFormat(formatText(*properties));
+            addAudioProperties(metadata, properties, 1000);
+            metadata.setSourceSampleSize(sampleSize(*properties));
         }
-    } else {
-        if (file.hasID3v2Tag()) {
-            AudioMetadata::addInfoFromID3v2Tag(file.ID3v2Tag(), *metadata);
-            kinds.push_back(id3v2Kind(file.ID3v2Tag()));
-        }
-    }
-    if (file.hasID3v1Tag()) {
-        AudioMetadata::addInfoFromID3v1Tag(file.ID3v1Tag(), *metadata);
-        kinds.push_back("ID3v1");
-    }
-    setTagKinds(*metadata, kinds);
-    return metadata;
+        std::vector<std::string> kinds;
+        if constexpr (requires { file.hasAPETag(); })
+            addAPETag(file, metadata, kinds, "APE Tag v%0.1f");
+        addID3Tags(file, metadata, kinds);
+        setTagKinds(metadata, kinds);
+    });
 }
 
 int64_t ownSampleSize(const auto& properties) { return properties.bitsPerSample(); }
@@ -886,25 +866,18 @@ std::unique_ptr<AudioMetadata> AudioMetadata::metadataFromMusepackFile(const std
         [](const auto&) { return int64_t(16); });
 }
 
+// DSDIFF files carry no tag this reader knows; they come out invalid here and
+// keep the kind and format.
 std::unique_ptr<AudioMetadata> AudioMetadata::metadataFromDSDFile(const std::string& path) {
-    auto metadata = std::make_unique<AudioMetadata>();
-    metadata->setSourceKind("DSD");
-    metadata->setSourceFormat(lowercaseExtension(path) == "dsf" ? "DSF" : "DFF");
-    // DSDIFF files carry no tag this reader knows; they come out invalid here
-    // and keep the two facts above.
-    DSFTagFile file(path.c_str(), true);
-    if (!file.isValid())
-        return metadata;
-
-    if (const auto* properties = file.audioProperties()) {
-        addAudioProperties(*metadata, properties, 1000);
-        metadata->setSourceSampleSize(properties->bitsPerSample());
-    }
-    if (file.hasID3v2Tag()) {
-        addInfoFromID3v2Tag(file.ID3v2Tag(), *metadata);
-        metadata->setSourceTagFormat(id3v2Kind(file.ID3v2Tag()));
-    }
-    return metadata;
+    return readTagLibFile<DSFTagFile>(
+        path, "DSD", lowercaseExtension(path) == "dsf" ? "DSF" : "DFF",
+        [](auto& file, AudioMetadata& metadata) {
+            if (const auto* properties = file.audioProperties()) {
+                addAudioProperties(metadata, properties, 1000);
+                metadata.setSourceSampleSize(properties->bitsPerSample());
+            }
+            addOnlyID3Tags(file, metadata);
+        });
 }
 
 std::unique_ptr<AudioMetadata> AudioMetadata::metadataFromShortenFile(const std::string& /*path*/) {
@@ -928,6 +901,21 @@ bool addModuleFacts(ModuleFile& file, AudioMetadata& metadata) {
     }
     metadata.setSourceSampleSize(16);
     return true;
+}
+
+void addModuleTag(const TagLib::Mod::Tag* tag, AudioMetadata& metadata);
+
+// The tracker formats whose properties give a tempo and a version.
+template <typename ModuleFile, typename FormatText>
+void readTrackerModule(const std::string& path, AudioMetadata& metadata, FormatText formatText) {
+    ModuleFile file(path.c_str(), true);
+    if (!addModuleFacts(file, metadata))
+        return;
+    if (const auto* properties = file.audioProperties()) {
+        metadata.setBpm(int64_t(properties->bpmSpeed() & 0xFF));
+        metadata.setSourceFormat(formatText(*properties));
+    }
+    addModuleTag(file.tag(), metadata);
 }
 
 void addModuleTag(const TagLib::Mod::Tag* tag, AudioMetadata& metadata) {
@@ -965,35 +953,17 @@ std::unique_ptr<AudioMetadata> AudioMetadata::metadataFromModFile(const std::str
     const std::string extension = lowercaseExtension(path);
 
     if (extension == "xm") {
-        TagLib::XM::File file(path.c_str(), true);
-        if (!addModuleFacts(file, *metadata))
-            return metadata;
-        if (const auto* properties = file.audioProperties()) {
-            metadata->setBpm(int64_t(properties->bpmSpeed() & 0xFF));
-            metadata->setSourceFormat(
-                stringWithFormat("Fast Tracker 2 v%d", int(properties->version())));
-        }
-        addModuleTag(file.tag(), *metadata);
+        readTrackerModule<TagLib::XM::File>(path, *metadata, [](const auto& p) {
+            return stringWithFormat("Fast Tracker 2 v%d", int(p.version()));
+        });
     } else if (extension == "it") {
-        TagLib::IT::File file(path.c_str(), true);
-        if (!addModuleFacts(file, *metadata))
-            return metadata;
-        if (const auto* properties = file.audioProperties()) {
-            metadata->setBpm(int64_t(properties->bpmSpeed() & 0xFF));
-            metadata->setSourceFormat(
-                stringWithFormat("Impulse Tracker v%d", int(properties->version() & 0xFFFF)));
-        }
-        addModuleTag(file.tag(), *metadata);
+        readTrackerModule<TagLib::IT::File>(path, *metadata, [](const auto& p) {
+            return stringWithFormat("Impulse Tracker v%d", int(p.version() & 0xFFFF));
+        });
     } else if (extension == "s3m") {
-        TagLib::S3M::File file(path.c_str(), true);
-        if (!addModuleFacts(file, *metadata))
-            return metadata;
-        if (const auto* properties = file.audioProperties()) {
-            metadata->setBpm(int64_t(properties->bpmSpeed() & 0xFF));
-            metadata->setSourceFormat(
-                stringWithFormat("Scream Tracker 3 v%d", int(properties->trackerVersion())));
-        }
-        addModuleTag(file.tag(), *metadata);
+        readTrackerModule<TagLib::S3M::File>(path, *metadata, [](const auto& p) {
+            return stringWithFormat("Scream Tracker 3 v%d", int(p.trackerVersion()));
+        });
     } else {
         TagLib::Mod::File file(path.c_str(), true);
         if (!addModuleFacts(file, *metadata))
