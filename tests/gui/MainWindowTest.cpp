@@ -336,6 +336,10 @@ void MainWindowTest::quittingDuringABatchAsksAndLeavesNothingBehind() {
 void MainWindowTest::staysResponsiveDuringALongBatch() {
     // Four ten-minute files, two at a time: the event loop must keep turning
     // while the encoders run, which a 5 ms timer measures by its lateness.
+    // The bound leaves room for a busy machine's scheduling (a shared CI
+    // runner or the sanitizer builds delay a tick by 100 ms and more) and still
+    // catches what matters: an encode, a wait for a worker or a copy of one of
+    // these files on the main thread stalls it for seconds.
     for (const char* name : {"side1", "side2", "side3", "side4"})
         QCOMPARE(test::runCommand("sox -n -r 44100 -b 16 -c 2 " +
                                   test::shellQuote((sources_ / name).string() + ".wav") +
@@ -366,7 +370,7 @@ void MainWindowTest::staysResponsiveDuringALongBatch() {
     tick.stop();
     qInfo("batch of 4 x 10 min: %lld ms, %lld timer ticks, longest gap %lld ms",
           (long long)clock.elapsed(), (long long)ticks, (long long)worst);
-    QVERIFY2(worst <= 100, qPrintable(QString("the event loop stalled for %1 ms").arg(worst)));
+    QVERIFY2(worst <= 500, qPrintable(QString("the event loop stalled for %1 ms").arg(worst)));
     QCOMPARE(window.controller().failedCount(), 0);
     QCOMPARE(filesIn(output_).size(), size_t(4));
 }
