@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "platform/Exception.h"
+#include "platform/TemporaryFiles.h"
 
 namespace velvox {
 
@@ -98,8 +99,13 @@ std::string getTemporaryFilePath(const std::string& extension) {
     buffer.push_back('\0');
     const int fd = ::mkstemps(buffer.data(), suffixLength);
     VLX_ASSERT(-1 != fd, "Unable to create a temporary file: %s", std::strerror(errno));
+    // Listed before its descriptor closes: should the program be ended at
+    // once in between, the open descriptor or the list names it, so the file
+    // never outlives the run unnoticed. Its owner takes it off the list.
+    std::string path(buffer.data());
+    TemporaryFiles::add(path);
     VLX_ASSERT(-1 != ::close(fd), "Unable to close the temporary file: %s", std::strerror(errno));
-    return std::string(buffer.data());
+    return path;
 }
 
 AudioChannelLayoutTag layoutTagForChannelCount(uint32_t channels) {

@@ -18,6 +18,10 @@ namespace {
 struct Registry {
     std::timed_mutex mutex;
     std::set<std::string> paths;
+    // Set once the program is being ended at once: other threads still run
+    // until the process goes, and a file they make from then on is removed
+    // as it is listed instead of outliving the run.
+    bool closing = false;
 };
 
 Registry& registry() {
@@ -51,7 +55,10 @@ void removeOpenTemporaryFiles() {
 void TemporaryFiles::add(const std::string& path) {
     Registry& shared = registry();
     std::lock_guard lock(shared.mutex);
-    shared.paths.insert(path);
+    if (shared.closing)
+        ::unlink(path.c_str());
+    else
+        shared.paths.insert(path);
 }
 
 void TemporaryFiles::remove(const std::string& path) {
@@ -80,6 +87,7 @@ void TemporaryFiles::removeAllNow() noexcept {
     try {
         Registry& shared = registry();
         if (shared.mutex.try_lock_for(std::chrono::milliseconds(200))) {
+            shared.closing = true;
             for (const std::string& path : shared.paths)
                 ::unlink(path.c_str());
             shared.mutex.unlock();

@@ -11,7 +11,7 @@ namespace velvox {
 
 class TemporaryFiles {
 public:
-    // Any thread.
+    // Any thread. Once removeAllNow has run, a file added is removed at once.
     static void add(const std::string& path);
     static void remove(const std::string& path);
     // Whether a path is one of the program's own temporary files
